@@ -1,0 +1,57 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "installer/driver_config.h"
+#include "installer/installer.h"
+#include "uninstall/manifest.h"
+#include "uninstall/result_code.h"
+
+namespace valta {
+
+/// A module parameter text and whether it is enabled.
+using ModuleParameter = std::pair<std::string, bool>;
+
+/// The texts of the enabled `parameters`, in order, separated by one blank.
+[[nodiscard]] std::string join_enabled(const std::vector<ModuleParameter>& parameters);
+
+/// Installs and uninstalls the driver stack. This program only uninstalls.
+class DriverInstaller final : public Installer {
+ public:
+  /// Copies `config`, derives the driver prefix and the module parameters, logging both at Debug,
+  /// and reads the version of the host's operating system.
+  explicit DriverInstaller(const DriverConfig& config);
+
+  /// The three steps of an installation: none is part of this program. Each says so in the log
+  /// (Error) and returns `failure`.
+  [[nodiscard]] ResultCode install_driver() override;
+  [[nodiscard]] ResultCode install_firmware() override;
+  [[nodiscard]] ResultCode write_host_configuration() override;
+
+  /// Removes every loaded driver with all that was installed beside it, or, when none is loaded,
+  /// what was installed alone. The first driver whose removal fails ends it with that code; without
+  /// a loaded driver it always succeeds. Needs nothing of the object.
+  [[nodiscard]] static ResultCode uninstall();
+
+  /// Where the driver is installed, with a "/" at the end.
+  [[nodiscard]] const std::string& driver_prefix() const { return driver_prefix_; }
+
+  /// The host's VERSION_ID; empty when it does not tell.
+  [[nodiscard]] const std::string& os_version() const { return os_version_; }
+
+ private:
+  // The texts without a comment, and the entries, are the installing side's and stay empty here.
+  std::string kernel_version_;
+  std::string os_version_;
+  DriverConfig config_;  ///< with a "/" at the end of its toolkit path
+  std::string kernel_source_;
+  std::string firmware_source_;
+  std::string driver_prefix_;
+  std::string build_log_;
+  std::string module_parameters_;
+  std::vector<ManifestEntry> entries_;
+};
+
+}  // namespace valta

@@ -1,0 +1,87 @@
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <unistd.h>
+
+#include "installer/driver_installer.h"
+#include "log/log.h"
+#include "uninstall/install_root.h"
+#include "uninstall/result_code.h"
+#include "utils/host.h"
+#include "utils/system_utilities.h"
+
+namespace valta {
+namespace {
+
+constexpr const char* kLogPath = "/var/log/zephanorvalta/driver_uninstaller.log";
+
+constexpr int kNotRoot = -1;  // 255 to the caller
+constexpr int kNotRootAnymore = 7;
+
+DriverConfig make_config() {
+  DriverConfig config;
+  config.texts[DriverConfig::kToolkitPath] = default_install_root();
+  return config;
+}
+
+bool refused_to_non_root() {
+  if (getuid() == 0) {
+    return false;
+  }
+  zvlogger::log(LogLevel::Print, "Permission denied.\n");
+  return true;
+}
+
+void change_to_home() {
+  const char* const home = std::getenv("HOME");
+  // Where the run starts from is a matter of taste: a home that is missing does not end it.
+  [[maybe_unused]] const int ignored = chdir(home == nullptr ? "/" : home);
+}
+
+/// Nothing that is thrown may end the process before its closing line.
+ResultCode uninstall() {
+  try {
+    return DriverInstaller::uninstall();
+  } catch (const std::exception& error) {
+    zvlogger::log(LogLevel::Error, "%s\n", error.what());
+    return ResultCode::failure;
+  }
+}
+
+ResultCode run(const DriverConfig& config) {
+  const DriverInstaller installer(config);
+  auto utilities = kUninstallUtilities;
+  if (!check_system_utilities(utilities.data(), static_cast<int>(utilities.size()))) {
+    zvlogger::log(LogLevel::Error, "Check utils failed. please refer guide in log.\n");
+    // Nothing was done, and that is no failure: it is meant to be so.
+    return ResultCode::success;
+  }
+  change_to_home();
+  const ResultCode code = uninstall();
+  zvlogger::log(LogLevel::Print, code == ResultCode::success ? "Successfully uninstall driver.\n"
+                                                             : "Driver uninstall failed.\n");
+  return code;
+}
+
+}  // namespace
+}  // namespace valta
+
+int main() {
+  using namespace valta;
+  const DriverConfig config = make_config();
+  if (refused_to_non_root()) {
+    return kNotRoot;
+  }
+  // A caller that ignores its children's ends would hide the commands' exit codes from us.
+  std::signal(SIGCHLD, SIG_DFL);
+  set_umask();
+  zvlogger::init(kLogPath);
+  // The second look is meant to be here.
+  if (refused_to_non_root()) {
+    return kNotRootAnymore;
+  }
+  const ResultCode code = run(config);
+  zvlogger::log(LogLevel::Print, "Driver uninstall log is in %s\n", kLogPath);
+  zvlogger::close();
+  return static_cast<int>(code);
+}

@@ -1,0 +1,30 @@
+#include "uninstall/dir_entry.h"
+
+#include <filesystem>
+
+#include "log/log.h"
+
+namespace valta {
+namespace fs = std::filesystem;
+
+ResultCode HandleDirEntry(const ManifestEntry& entry) {
+  const char* const path = entry.path.c_str();
+  // The path ends at a NUL byte for the system, which would make it another directory's.
+  if (entry.path.find('\0') != std::string::npos || !fs::exists(entry.path)) {
+    return ResultCode::success;
+  }
+  if (!fs::is_empty(entry.path)) {
+    zvlogger::log(LogLevel::Debug, "Uninstall: %s not empty skip.\n", path);
+    return ResultCode::success;
+  }
+  try {
+    const bool removed = fs::remove(entry.path);
+    zvlogger::log(LogLevel::Info, removed ? "Uninstall: %s Succeed.\n" : "Uninstall: %s Failed.\n",
+                  path);
+  } catch (const fs::filesystem_error& error) {
+    zvlogger::log(LogLevel::Warning, "catched %s when rmdir %s\n", error.what(), path);
+  }
+  return ResultCode::success;
+}
+
+}  // namespace valta

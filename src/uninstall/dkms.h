@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+#include "uninstall/manifest.h"
+#include "uninstall/result_code.h"
+
+namespace valta {
+
+/// Removes every version of the driver's DKMS module that DKMS knows, with `dkms remove`, and its
+/// source tree under /usr/src. The argument is ignored: there is one module, whatever asks.
+///
+/// Returns `dkms_missing` when `dkms` is not on the search path, and `dkms_failed` at the first
+/// version whose removal failed; those before it stay removed. A failed `dkms remove` is reported
+/// on standard output, everything else in the log.
+[[nodiscard]] ResultCode RemoveDkmsModule(const std::string& path);
+
+/// Handles a "DKMS" entry with `RemoveDkmsModule`. Inside a container, and on a host without DKMS,
+/// there is nothing to remove: success.
+ResultCode HandleDkmsEntry(const ManifestEntry& entry);
+
+}  // namespace valta

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "uninstall/manifest.h"
+#include "uninstall/result_code.h"
+
+namespace valta {
+
+/// Handles a "SERVICE" entry, whose path is a systemd unit name: disables and stops the unit,
+/// deletes its file from /lib/systemd/system if the digest is still the recorded one, makes systemd
+/// forget the unit, and for a template stops the slice of its instances.
+///
+/// Returns `tolerated` inside a container, where nothing is done; success when systemd no longer
+/// knows the unit, or when its file was changed and so kept (console and log say so); else
+/// `service_remains`. `DigestCache` has an entry for the unit file afterwards, if the file existed:
+/// an empty one unless it was there before.
+ResultCode HandleServiceEntry(const ManifestEntry& entry);
+
+}  // namespace valta

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+namespace valta {
+
+/// Whether the toolkit is installed under `root`; an empty `root` stands for the default one.
+[[nodiscard]] bool ToolkitInstalled(const std::string& root);
+
+/// Whether the driver is installed under `root`; an empty `root` stands for the default one.
+[[nodiscard]] bool DriverInstalled(const std::string& root);
+
+/// Whether `path`, which the toolkit and the driver share, must stay because one of them is still
+/// installed under `InstalledPath`. Logs which one at Info, the toolkit first.
+///
+/// The first call looks, and its answer holds for the rest of the run: what the run deletes later,
+/// and an installation prefix set later, do not change it.
+[[nodiscard]] bool shared_path_in_use(const std::string& path);
+
+}  // namespace valta

@@ -1,0 +1,49 @@
+#include "utils/command.h"
+
+#include <array>
+#include <cstdio>
+
+namespace valta {
+namespace {
+
+bool run_line(const std::string& line, std::string& output, std::uint32_t& status) {
+  output.clear();
+  if (line.find('\0') != std::string::npos) {
+    return false;
+  }
+  std::FILE* const pipe = popen(line.c_str(), "r");
+  if (pipe == nullptr) {
+    return false;
+  }
+  std::array<char, 1024> buffer{};
+  std::size_t count = 0;
+  do {
+    count = std::fread(buffer.data(), 1, buffer.size(), pipe);
+    output.append(buffer.data(), count);
+  } while (count == buffer.size());
+  const auto wait_status = static_cast<std::uint32_t>(pclose(pipe));
+  status = (wait_status >> 8U) & 0xFFU;
+  return true;
+}
+
+}  // namespace
+
+bool run_command(const std::string& command, std::string& output, std::uint32_t& status) {
+  return run_command_redirect(command, output, status, true);
+}
+
+bool run_command_quiet_status(const std::string& command, std::string& output) {
+  std::uint32_t dropped = 0;
+  return run_command(command, output, dropped);
+}
+
+bool run_command_redirect(const std::string& command, std::string& output, std::uint32_t& status,
+                          bool merge_stderr) {
+  return run_line(merge_stderr ? command + " 2>&1" : command, output, status);
+}
+
+bool succeeds(const std::string& command, CommandResult& result) {
+  return run_command(command, result.output, result.status) && result.status == 0;
+}
+
+}  // namespace valta

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+namespace valta {
+
+/// What /etc/os-release tells of the distribution, without double quotes.
+struct OsRelease {
+  std::string id;
+  std::string version_id;
+};
+
+/// Sets the file-creation mask of the process to 022. Returns the mask before.
+mode_t set_umask();
+
+/// Whether /proc/self/cgroup names docker, the only container engine looked for. Logs the line that
+/// does at Debug; an unreadable file names none.
+[[nodiscard]] bool running_in_container();
+
+/// Reads /etc/os-release into `release`; a file that is missing or empty leaves it as it was.
+void read_os_release(OsRelease& release);
+
+/// Takes the values out of the text of an os-release file. Lines are matched by substring and the
+/// last match wins, so a VARIANT_ID or BUILD_ID line behind the ID line replaces `id`; that is
+/// meant to be so. A value that no line gives stays as it was.
+void parse_os_release(std::string_view text, OsRelease& release);
+
+}  // namespace valta

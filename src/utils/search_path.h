@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+namespace valta {
+
+/// Whether a directory of the search path holds an executable file called `name`.
+///
+/// Side effect: appends the system directories to `PATH`, drops repeated directories (the first
+/// stays) and stores the result, so that every later command finds the system's tools whatever the
+/// caller's environment was. Empty fields stay and stand for the root directory. A file that is not
+/// executable does not hide one further on.
+[[nodiscard]] bool find_in_path_executable(const std::string& name);
+
+/// The full path of the first file called `name` in a directory of `PATH`, executable or not; empty
+/// when there is none or `PATH` is not set. Empty fields of `PATH` are skipped.
+[[nodiscard]] std::string which(const std::string& name);
+
+}  // namespace valta

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace valta {
+
+/// Walks the fields of a text as a line reader does: every field counts, empty ones too; a
+/// delimiter at the end of the text opens no further field, and an empty text has none.
+/// The text must outlive the reader and its fields.
+class FieldReader {
+ public:
+  FieldReader(std::string_view text, char delimiter) : rest_(text), delimiter_(delimiter) {}
+
+  /// The next field, without its delimiter; nothing after the last one.
+  std::optional<std::string_view> next();
+
+ private:
+  std::string_view rest_;
+  char delimiter_;
+};
+
+/// All fields of `text`, by the rules of `FieldReader`.
+std::vector<std::string> split(std::string_view text, char delimiter);
+
+/// What stands in `line` behind the first occurrence of `key`, without any double quotes; nothing
+/// when `key` does not occur.
+std::optional<std::string> value_after(std::string_view line, std::string_view key);
+
+/// `path` without the "/" characters at its end, and of that what follows its last "/".
+std::string last_component(std::string_view path);
+
+}  // namespace valta
