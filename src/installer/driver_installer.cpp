@@ -63,7 +63,7 @@ ResultCode DriverInstaller::write_host_configuration() {
   return refuse_to_install("the host configuration");
 }
 
-ResultCode DriverInstaller::uninstall() {
+ResultCode DriverInstaller::uninstall() const {
   bool driver_removed = false;
   for (const char* const name : kDriverNames) {
     if (!is_loaded(module_status(name))) {
@@ -79,7 +79,7 @@ ResultCode DriverInstaller::uninstall() {
   }
   if (!driver_removed) {
     zvlogger::log(LogLevel::Info, "No driver installed. try uninstall utils.\n");
-    // What a clean-up alone could not do never fails the uninstallation; the log has it.
+    // What a clean-up alone could not do never fails the uninstallation.
     static_cast<void>(remove_driver(""));
   }
   return ResultCode::success;

@@ -32,8 +32,8 @@ class DriverInstaller final : public Installer {
 
   /// Removes every loaded driver with all that was installed beside it, or, when none is loaded,
   /// what was installed alone. The first driver whose removal fails ends it with that code; without
-  /// a loaded driver it always succeeds. Needs nothing of the object.
-  [[nodiscard]] static ResultCode uninstall();
+  /// a loaded driver it always succeeds. Logs what it visits; a failed driver is a Print line.
+  [[nodiscard]] ResultCode uninstall() const;
 
   /// Where the driver is installed, with a "/" at the end.
   [[nodiscard]] const std::string& driver_prefix() const { return driver_prefix_; }

@@ -12,14 +12,14 @@ enum class ModuleStatus : std::int32_t {
   in_use = -2,
   unreferenced = -1,
   not_loaded = 0,
-  match_error = 1,  ///< the name itself holds groups, so the match cannot be read
+  match_error = 1,  ///< the name brings groups, or its length cuts one: the match cannot be read
 };
 
 /// Looks `name` up in /proc/modules. Logs the answer at Debug.
 ///
 /// `name` goes into a regular expression as it stands, which is cut at 127 characters. Throws
-/// std::regex_error when the outcome is no regular expression. A module list that cannot be opened
-/// is empty.
+/// std::regex_error when the outcome is no regular expression, or has a back-reference. A module
+/// list that cannot be opened is empty, and `read_file_chunked` says so.
 [[nodiscard]] ModuleStatus module_status(const std::string& name);
 
 /// The same for the text of a module list. The first line whose first field is `name` decides, and

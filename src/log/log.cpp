@@ -81,7 +81,7 @@ void log(LogLevel level, const char* format, ...) {
   }
   char* message = nullptr;
   if (logger.file != nullptr && vasprintf(&message, format, arguments) >= 0) {
-    std::fprintf(logger.file, "%s%s", kPrefixes.at(static_cast<std::size_t>(level)), message);
+    std::fprintf(logger.file, "%s%s", kPrefixes[static_cast<std::size_t>(level)], message);
     std::fflush(logger.file);
     std::free(message);
   }

@@ -1,4 +1,5 @@
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <unistd.h>
@@ -38,10 +39,11 @@ void change_to_home() {
   [[maybe_unused]] const int ignored = chdir(home == nullptr ? "/" : home);
 }
 
-/// Nothing that is thrown may end the process before its closing line.
-ResultCode uninstall() {
+/// Nothing that `step` throws may end the process before its closing line.
+template <typename Step>
+ResultCode guarded(const Step& step) {
   try {
-    return DriverInstaller::uninstall();
+    return step();
   } catch (const std::exception& error) {
     zvlogger::log(LogLevel::Error, "%s\n", error.what());
     return ResultCode::failure;
@@ -57,10 +59,20 @@ ResultCode run(const DriverConfig& config) {
     return ResultCode::success;
   }
   change_to_home();
-  const ResultCode code = uninstall();
+  const ResultCode code = guarded([&] { return installer.uninstall(); });
   zvlogger::log(LogLevel::Print, code == ResultCode::success ? "Successfully uninstall driver.\n"
                                                              : "Driver uninstall failed.\n");
   return code;
+}
+
+/// Makes the process independent of what its caller did to signals and standard output.
+void settle_process() {
+  // Ignored by the caller, it would hide the exit codes of the commands.
+  std::signal(SIGCHLD, SIG_DFL);
+  // A console that goes away must not end a run half done.
+  std::signal(SIGPIPE, SIG_IGN);
+  // What goes past the log stays in order with the console's lines.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
 }  // namespace
@@ -72,15 +84,14 @@ int main() {
   if (refused_to_non_root()) {
     return kNotRoot;
   }
-  // A caller that ignores its children's ends would hide the commands' exit codes from us.
-  std::signal(SIGCHLD, SIG_DFL);
+  settle_process();
   set_umask();
   zvlogger::init(kLogPath);
   // The second look is meant to be here.
   if (refused_to_non_root()) {
     return kNotRootAnymore;
   }
-  const ResultCode code = run(config);
+  const ResultCode code = guarded([&] { return run(config); });
   zvlogger::log(LogLevel::Print, "Driver uninstall log is in %s\n", kLogPath);
   zvlogger::close();
   return static_cast<int>(code);

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "log/log.h"
+#include "uninstall/removal_log.h"
 
 namespace valta {
 namespace fs = std::filesystem;
@@ -18,9 +19,7 @@ ResultCode HandleDirEntry(const ManifestEntry& entry) {
     return ResultCode::success;
   }
   try {
-    const bool removed = fs::remove(entry.path);
-    zvlogger::log(LogLevel::Info, removed ? "Uninstall: %s Succeed.\n" : "Uninstall: %s Failed.\n",
-                  path);
+    log_removal(entry.path, fs::remove(entry.path));
   } catch (const fs::filesystem_error& error) {
     zvlogger::log(LogLevel::Warning, "catched %s when rmdir %s\n", error.what(), path);
   }

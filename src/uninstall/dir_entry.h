@@ -10,6 +10,6 @@ namespace valta {
 /// Logs what it did, and why an entry stays; a missing one is silent. Always succeeds: a directory
 /// never stops the uninstallation. Throws std::filesystem::filesystem_error when the entry's status
 /// or its emptiness cannot be told (a loop of links, a FIFO, a name too long).
-ResultCode HandleDirEntry(const ManifestEntry& entry);
+[[nodiscard]] ResultCode HandleDirEntry(const ManifestEntry& entry);
 
 }  // namespace valta

@@ -1,5 +1,6 @@
 #include "uninstall/dkms.h"
 
+#include <cstdint>
 #include <cstdio>
 
 #include "log/log.h"

@@ -17,6 +17,6 @@ namespace valta {
 
 /// Handles a "DKMS" entry with `RemoveDkmsModule`. Inside a container, and on a host without DKMS,
 /// there is nothing to remove: success.
-ResultCode HandleDkmsEntry(const ManifestEntry& entry);
+[[nodiscard]] ResultCode HandleDkmsEntry(const ManifestEntry& entry);
 
 }  // namespace valta

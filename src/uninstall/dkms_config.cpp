@@ -1,5 +1,7 @@
 #include "uninstall/dkms_config.h"
 
+#include <utility>
+
 #include "log/log.h"
 #include "utils/files.h"
 #include "utils/text.h"

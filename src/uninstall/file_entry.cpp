@@ -4,6 +4,7 @@
 
 #include "log/log.h"
 #include "uninstall/manifest_state.h"
+#include "uninstall/removal_log.h"
 #include "uninstall/shared_path.h"
 #include "utils/digest.h"
 #include "utils/files.h"
@@ -37,12 +38,9 @@ ResultCode HandleFileEntry(const ManifestEntry& entry) {
                   entry.digest.c_str(), digest.c_str());
     return ResultCode::success;
   }
-  if (std::remove(path) != 0) {
-    zvlogger::log(LogLevel::Info, "Uninstall: %s Failed.\n", path);
-    return ResultCode::file_failed;
-  }
-  zvlogger::log(LogLevel::Info, "Uninstall: %s Succeed.\n", path);
-  return ResultCode::success;
+  const bool removed = std::remove(path) == 0;
+  log_removal(entry.path, removed);
+  return removed ? ResultCode::success : ResultCode::file_failed;
 }
 
 ResultCode HandleRfileEntry(const ManifestEntry& entry) {

@@ -10,10 +10,10 @@ namespace valta {
 /// A file that is missing, changed, or whose digest cannot be had is left alone, logged, and counts
 /// as success; a changed one also sets `ChangedFileFound`. The digest comes from `DigestCache`, or
 /// is computed and stored there. Returns `file_failed` when an unchanged file could not be deleted.
-ResultCode HandleFileEntry(const ManifestEntry& entry);
+[[nodiscard]] ResultCode HandleFileEntry(const ManifestEntry& entry);
 
 /// Handles an "RFILE" entry: as a "FILE" entry once neither the toolkit nor the driver is
 /// installed; until then it is skipped with a log line and counts as success.
-ResultCode HandleRfileEntry(const ManifestEntry& entry);
+[[nodiscard]] ResultCode HandleRfileEntry(const ManifestEntry& entry);
 
 }  // namespace valta

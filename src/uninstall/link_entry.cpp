@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "log/log.h"
+#include "uninstall/removal_log.h"
 #include "uninstall/shared_path.h"
 #include "utils/files.h"
 
@@ -15,12 +15,9 @@ ResultCode delete_link(const std::string& path, ResultCode code_on_failure) {
   if (!is_symlink(path)) {
     return ResultCode::success;
   }
-  if (unlink(path.c_str()) != 0) {
-    zvlogger::log(LogLevel::Info, "Uninstall: %s Failed.\n", path.c_str());
-    return code_on_failure;
-  }
-  zvlogger::log(LogLevel::Info, "Uninstall: %s Succeed.\n", path.c_str());
-  return ResultCode::success;
+  const bool removed = unlink(path.c_str()) == 0;
+  log_removal(path, removed);
+  return removed ? ResultCode::success : code_on_failure;
 }
 
 }  // namespace

@@ -15,8 +15,9 @@ struct ManifestEntry {
 
 /// Reads the manifest at `path`: its entries in file order, one for each line.
 ///
-/// A missing file gives an empty list and a Warning; an empty one, or one that cannot be read, an
-/// empty list. Lines are not checked: see `parse_manifest` for what a malformed one yields.
+/// A missing file gives an empty list and a Warning; one that cannot be opened an empty list and a
+/// Debug line; an empty one an empty list. Lines are not checked: see `parse_manifest` for what a
+/// malformed one yields.
 [[nodiscard]] std::vector<ManifestEntry> LoadUninstallManifests(const std::string& path);
 
 /// The entries of a manifest's text: lines of `type path digest`, separated by one space, without

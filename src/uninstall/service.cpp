@@ -1,10 +1,12 @@
 #include "uninstall/service.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 
 #include "log/log.h"
 #include "uninstall/manifest_state.h"
+#include "uninstall/removal_log.h"
 #include "utils/command.h"
 #include "utils/digest.h"
 #include "utils/files.h"
@@ -27,7 +29,8 @@ std::string unit_file_path(const std::string& unit) {
 }
 
 bool unchanged(const std::string& path, const std::string& digest) {
-  // The look-up leaves an empty digest behind, which a later file entry of this path meets.
+  // The look-up leaves an empty digest behind, which a later file entry of this path meets, and
+  // which an entry without a digest equals: both are meant to be so.
   return DigestCache[path] == digest || file_md5(path) == digest;
 }
 
@@ -71,7 +74,7 @@ ResultCode HandleServiceEntry(const ManifestEntry& entry) {
     }
     // A file that stays shows up as a unit that systemd still knows.
     std::remove(unit_file.c_str());
-    zvlogger::log(LogLevel::Info, "Uninstall: %s Succeed.\n", unit_file.c_str());
+    log_removal(unit_file, true);
   }
 
   run_unchecked("systemctl reset-failed;systemctl daemon-reload");

@@ -9,10 +9,13 @@ namespace valta {
 /// deletes its file from /lib/systemd/system if the digest is still the recorded one, makes systemd
 /// forget the unit, and for a template stops the slice of its instances.
 ///
+/// The digest that `DigestCache` holds for the unit file counts first. Where it holds none, an
+/// entry without a digest takes the file as unchanged. Logs each step and its outcome.
+///
 /// Returns `tolerated` inside a container, where nothing is done; success when systemd no longer
 /// knows the unit, or when its file was changed and so kept (console and log say so); else
 /// `service_remains`. `DigestCache` has an entry for the unit file afterwards, if the file existed:
 /// an empty one unless it was there before.
-ResultCode HandleServiceEntry(const ManifestEntry& entry);
+[[nodiscard]] ResultCode HandleServiceEntry(const ManifestEntry& entry);
 
 }  // namespace valta

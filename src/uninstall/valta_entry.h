@@ -7,6 +7,6 @@ namespace valta {
 
 /// Handles a "VALTA" entry: its path is the installation prefix from now on. Logs it at Debug.
 /// Always succeeds.
-ResultCode HandleValtaEntry(const ManifestEntry& entry);
+[[nodiscard]] ResultCode HandleValtaEntry(const ManifestEntry& entry);
 
 }  // namespace valta

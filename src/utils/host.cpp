@@ -1,6 +1,7 @@
 #include "utils/host.h"
 
 #include <sys/stat.h>
+#include <utility>
 
 #include "log/log.h"
 #include "utils/files.h"

@@ -16,10 +16,11 @@ struct OsRelease {
 mode_t set_umask();
 
 /// Whether /proc/self/cgroup names docker, the only container engine looked for. Logs the line that
-/// does at Debug; an unreadable file names none.
+/// does at Debug; a file that cannot be opened names none, and `read_file_chunked` says so.
 [[nodiscard]] bool running_in_container();
 
-/// Reads /etc/os-release into `release`; a file that is missing or empty leaves it as it was.
+/// Reads /etc/os-release into `release`; a file that is missing (logged at Debug) or empty leaves
+/// it as it was.
 void read_os_release(OsRelease& release);
 
 /// Takes the values out of the text of an os-release file. Lines are matched by substring and the

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "utils/files.h"
@@ -15,9 +16,9 @@ constexpr const char* kSystemPath = "/bin:/usr/bin:/sbin:/usr/sbin";
 
 std::vector<std::string> search_directories() {
   const char* const path = std::getenv(kPathVariable);
+  const std::string fields = path == nullptr ? kSystemPath : std::string(path) + ":" + kSystemPath;
   std::vector<std::string> directories;
-  for (auto& directory :
-       split(path == nullptr ? kSystemPath : std::string(path) + ":" + kSystemPath, ':')) {
+  for (auto& directory : split(fields, ':')) {
     if (std::find(directories.begin(), directories.end(), directory) == directories.end()) {
       directories.push_back(std::move(directory));
     }
@@ -28,8 +29,9 @@ std::vector<std::string> search_directories() {
 void store_search_path(const std::vector<std::string>& directories) {
   std::string joined;
   for (const auto& directory : directories) {
-    joined += &directory == &directories.front() ? directory : ":" + directory;
+    joined += directory + ":";
   }
+  joined.pop_back();
   setenv(kPathVariable, joined.c_str(), 1);
 }
 
