@@ -7,11 +7,8 @@
 #include "host.h"
 
 namespace valta {
-namespace {
-
+using testing::ContainsRegex;
 using testing::HasSubstr;
-
-constexpr const char* kChanged = "/usr/local/valta-4.1.0/etc/site.conf";
 
 class Interrupted : public testing::TestWithParam<std::string> {};
 
@@ -21,26 +18,66 @@ TEST_P(Interrupted, RunIsFinishedByASecondOne) {
   ASSERT_EQ(undisturbed.run().status, 0);
   const int commands = std::stoi(undisturbed.read("/run/commands"));
   ASSERT_GT(commands, 20);
+  const std::string changed = "/usr/local/valta-4.1.0/etc/site.conf";
   for (int command = 1; command <= commands; ++command) {
     SCOPED_TRACE(command);
     Host host;
     host.install_sample();
     const Outcome killed = host.run(GetParam() + "=" + std::to_string(command));
-    EXPECT_EQ(killed.status, -SIGKILL);
+    EXPECT_EQ(killed.status, 128 + SIGKILL);
     EXPECT_TRUE(killed.log.ends_with('\n'));
-    const std::string whole_log = undisturbed.read(kLog);
-    EXPECT_EQ(killed.log, whole_log.substr(0, killed.log.size()));
+    EXPECT_TRUE(undisturbed.read(kLog).starts_with(killed.log));
     const Outcome second = host.run();
     EXPECT_EQ(second.status, 0);
     EXPECT_THAT(second.log, testing::Not(HasSubstr("Error: ")));
     EXPECT_EQ(host.files(), undisturbed.files());
     EXPECT_EQ(host.read("/proc/modules"), undisturbed.read("/proc/modules"));
-    EXPECT_EQ(host.read(kChanged), undisturbed.read(kChanged));
+    EXPECT_EQ(host.read(changed), undisturbed.read(changed));
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, Interrupted, testing::Values("KILL_BEFORE", "KILL_AFTER"),
                          [](const auto& when) { return when.param; });
 
-}  // namespace
+/// A tool, the status that a run comes to for each way of breaking it, and what the log says why.
+struct Tool {
+  std::string path;
+  std::vector<int> statuses;
+  std::string why;  ///< regular expression
+  bool needed_to_check = false;
+};
+
+void PrintTo(const Tool& tool, std::ostream* stream) { *stream << tool.path; }
+
+class BrokenTool : public testing::TestWithParam<Tool> {};
+
+TEST_P(BrokenTool, EndsTheRunWithItsStatusAndCostsNothingUnchecked) {
+  const Tool& tool = GetParam();
+  const std::vector<std::string> ways = {"exit 1", "", "kill -KILL $$", "printf %070000d 1; exit 1",
+                                         R"(printf "\377\001\n")"};
+  for (std::size_t i = 0; i < ways.size(); ++i) {
+    SCOPED_TRACE(ways[i]);
+    Host host;
+    host.install_sample();
+    host.sh(ways[i].empty() ? "rm " + tool.path : "tool " + tool.path + " '" + ways[i] + "'");
+    const Outcome run = host.run();
+    EXPECT_EQ(run.status, tool.statuses[i]);
+    EXPECT_THAT(run.log, ContainsRegex(tool.why));
+    EXPECT_TRUE(host.has("/usr/local/valta-4.1.0/etc/site.conf"));
+    EXPECT_TRUE(host.has("/usr/local/valta-4.1.0/bin/zvsmi") || !tool.needed_to_check);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, BrokenTool,
+    testing::Values(
+        Tool{"/sbin/rmmod", {43, 0, 43, 43, 43}, "'zvrfs' failed|system utility 'rmmod'", true},
+        Tool{"/sbin/depmod", {5, 5, 5, 5, 0}, "Failed to depmod|Check utils|Successfully"},
+        Tool{"/usr/bin/md5sum", {0, 0, 0, 0, 0}, "Warning: (MD5|md5sum) for .*zvsmi", true},
+        Tool{"/usr/sbin/dkms", {140, 0, 140, 140, 0}, "failed in removing|dkms not installed|CMD"},
+        Tool{"/usr/bin/systemctl", {145, 145, 145, 145, 145}, "service:valta-agent failed"},
+        Tool{"/usr/bin/systemd-escape", {0, 0, 0, 0, 0}, "service:valta-y@0 success"},
+        Tool{"/usr/bin/rm", {140, 140, 140, 140, 0}, "remove dkms src|Successfully"},
+        Tool{"/bin/sh", {43, 43, 43, 43, 43}, "Remove 'zvrfs' failed", true}));
+
 }  // namespace valta

@@ -1,72 +1,40 @@
 #include "host.h"
 
-#include <cstdio>
-#include <fcntl.h>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <sched.h>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace valta {
 namespace fs = std::filesystem;
+
+namespace valta {
 namespace {
-
-constexpr int kNoHost = 125;
-
-void require(bool done, const std::string& what) {
-  if (!done) {
-    std::perror(what.c_str());
-    _exit(kNoHost);
-  }
-}
 
 std::string contents(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void write(const std::string& path, const std::string& content) {
-  fs::create_directories(fs::path(path).parent_path());
-  require(!(std::ofstream(path, std::ios::binary) << content << std::flush).fail(), path);
-}
-
-/// A sanitized program needs the real /proc: to find its stack, and to look for leaks. The host's
-/// plain files are put back on top of it.
-void mount_proc(const std::string& proc) {
-  const std::string plain[] = {proc + "/modules", proc + "/self/cgroup"};
-  const int files[] = {open(plain[0].c_str(), O_PATH), open(plain[1].c_str(), O_PATH)};
-  require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-  require(mount("/proc", proc.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, "mount of /proc");
-  for (int i = 0; i < 2; ++i) {
-    const std::string source = "/proc/self/fd/" + std::to_string(files[i]);
-    require(mount(source.c_str(), plain[i].c_str(), nullptr, MS_BIND, nullptr) == 0, plain[i]);
-    close(files[i]);
-  }
+/// Calls one of the scripts that lay a host out and enter it. Returns its exit status.
+int script(const std::string& name_and_arguments) {
+  const int status = std::system((VALTA_HOST_SCRIPTS "/" + name_and_arguments).c_str());
+  return WEXITSTATUS(status);
 }
 
 /// Root enters by chroot, a normal user through a user namespace.
-void enter(const std::string& root, uid_t uid, bool with_real_proc) {
-  const std::string id_map = std::to_string(uid) + " " + std::to_string(getuid()) + " 1\n";
-  const bool user_namespace = getuid() != 0;
-  const int spaces = (user_namespace ? CLONE_NEWUSER : 0) | (with_real_proc ? CLONE_NEWNS : 0);
-  require(spaces == 0 || unshare(spaces) == 0, "user namespaces (normal user) or mount namespaces");
-  if (user_namespace) {
-    write("/proc/self/uid_map", id_map);
+bool enter(const std::string& root) {
+  const uid_t user = getuid();
+  if (user != 0) {
+    if (unshare(CLONE_NEWUSER) != 0) {
+      return false;
+    }
+    std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
   }
-  if (with_real_proc) {
-    mount_proc(root + "/proc");
-  }
-  require(chroot(root.c_str()) == 0 && chdir("/") == 0, "chroot " + root);
-  require(getuid() == uid || setuid(uid) == 0, "setuid");
-}
-
-void set_up(const std::string& script_and_arguments) {
-  const std::string command = VALTA_HOST_SCRIPTS "/" + script_and_arguments;
-  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+  return chroot(root.c_str()) == 0 && chdir("/") == 0 && getuid() == 0;
 }
 
 }  // namespace
@@ -75,37 +43,34 @@ Host::Host() {
   std::string pattern = fs::temp_directory_path() / "valta-host-XXXXXX";
   scratch_ = mkdtemp(pattern.data());
   root_ = scratch_ + "/root";
-  set_up("lay-out " + root_ + " " + VALTA_PROGRAM);
+  EXPECT_EQ(script("lay-out " + root_ + " " + VALTA_PROGRAM), 0);
   laid_out_ = leaves();
 }
 
 Host::~Host() { fs::remove_all(scratch_); }
 
-void Host::install_sample() { set_up("install-sample " + root_); }
+void Host::install_sample() { EXPECT_EQ(script("install-sample " + root_), 0); }
 
 void Host::manifest(const std::vector<std::string>& lines) {
-  std::string text;
+  fs::create_directories(fs::path(root_ + kManifest).parent_path());
+  std::ofstream file(root_ + kManifest);
   for (const auto& line : lines) {
-    text += line + "\n";
+    file << line << "\n";
   }
-  file(kManifest, text);
 }
 
-void Host::load_module(const std::string& name, int uses) {
-  file("/proc/modules",
-       read("/proc/modules") + name + " 16384 " + std::to_string(uses) + " - Live 0x0\n");
-}
-
-void Host::file(const std::string& path, const std::string& content) {
-  write(root_ + path, content);
+void Host::load_module(const std::string& name) {
+  std::ofstream(root_ + "/proc/modules", std::ios::app) << name << " 16384 0 - Live 0x0\n";
 }
 
 void Host::sh(const std::string& commands) {
-  const std::string line =
-      "file() { mkdir -p \"${1%/*}\"; printf %s \"$2\" >\"$1\"; }\n"
-      "tool() { printf '#!/bin/sh.real\\n%s\\n' \"$2\" >\"$1\"; }\n" +
-      commands;
-  EXPECT_EQ(child([&] { execl("/bin/sh.real", "sh", "-ec", line.c_str(), nullptr); }), 0) << line;
+  std::ofstream(root_ + "/run/commands.sh")
+      << "set -e\n"
+         "file() { mkdir -p \"${1%/*}/\"; printf %s \"$2\" >\"$1\"; }\n"
+         "tool() { printf '#!/bin/sh.real\\n%s\\n' \"$2\" >\"$1\"; }\n"
+      << commands;
+  EXPECT_EQ(script("enter " + root_ + " /bin/sh.real /run/commands.sh"), 0) << commands;
+  fs::remove(root_ + "/run/commands.sh");
 }
 
 std::string Host::read(const std::string& path) const { return contents(root_ + path); }
@@ -135,43 +100,32 @@ std::string Host::files() const {
   return text;
 }
 
-int Host::child(const std::function<void()>& body) const {
+Outcome Host::run(const std::string& variable, const std::string& options) {
+  std::ofstream(root_ + "/trace").flush();
+  std::ofstream(root_ + "/run/commands") << "0\n";
+  const std::string output = scratch_ + "/output";
+  const std::string console = scratch_ + "/console";
+  const int status = script("enter -e PATH=/usr/bin:/bin -e " + variable + " " + options + " " +
+                            VALTA_ENTER_OPTIONS " " + root_ + " /valta-driver-uninstaller >" +
+                            output + " 2>" + console);
+  return {status, contents(output), contents(console), read("/trace"), read(kLog)};
+}
+
+void Host::call(const std::function<void()>& body) {
   std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    enter(root_, 0, false);
-    setenv("PATH", "/usr/bin:/bin:/sbin:/usr/sbin", 1);
-    body();
+  const pid_t child = fork();
+  if (child == 0) {
+    EXPECT_TRUE(enter(root_)) << "a throwaway host needs chroot, or user namespaces";
+    if (!testing::Test::HasFailure()) {
+      setenv("PATH", "/usr/bin:/bin:/sbin:/usr/sbin", 1);
+      body();
+    }
     std::fflush(nullptr);
     _exit(testing::Test::HasFailure() ? 1 : 0);
   }
   int status = 0;
-  waitpid(pid, &status, 0);
-  return status;
-}
-
-void Host::call(const std::function<void()>& body) { EXPECT_EQ(child(body), 0); }
-
-Outcome Host::run(const std::string& variable, uid_t uid) {
-  const std::string output = scratch_ + "/output";
-  const std::string console = scratch_ + "/console";
-  file("/trace");
-  file("/run/commands", "0\n");
-  const pid_t pid = fork();
-  if (pid == 0) {
-    require(std::freopen(output.c_str(), "w", stdout) != nullptr, output);
-    require(std::freopen(console.c_str(), "w", stderr) != nullptr, console);
-    enter(root_, uid, VALTA_SANITIZED != 0);
-    const char* const environment[] = {"PATH=/usr/bin:/bin", variable.c_str(), nullptr};
-    const char* const program = "/valta-driver-uninstaller";
-    execle("/emulator", "/emulator", program, nullptr, environment);  // for another processor's
-    execle(program, program, nullptr, environment);
-    require(false, program);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return {WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status), contents(output),
-          contents(console), read("/trace"), read(kLog)};
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace valta

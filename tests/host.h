@@ -3,14 +3,13 @@
 #include <functional>
 #include <set>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 namespace valta {
 
 /// What one run of the uninstaller left behind.
 struct Outcome {
-  int status;           ///< exit status, or -N when signal N ended it
+  int status;           ///< exit status; 128 + N when signal N ended it
   std::string output;   ///< standard output
   std::string console;  ///< standard error
   std::string trace;    ///< the command lines it ran; indented, the scripted tools they called
@@ -29,8 +28,7 @@ class Host {
   /// Puts the complete sample installation on it, with its modules loaded.
   void install_sample();
   void manifest(const std::vector<std::string>& lines);
-  void load_module(const std::string& name, int uses = 0);
-  void file(const std::string& path, const std::string& content = "");
+  void load_module(const std::string& name);
   /// Runs `commands` with the host's own shell, untraced. Besides mkdir, ln, mkfifo, rm and sed
   /// there are `file PATH [CONTENT]` and `tool PATH SCRIPT`, which replaces a tool, to call.
   void sh(const std::string& commands);
@@ -40,23 +38,22 @@ class Host {
   /// Files, links and empty directories, a line each, but for the tools and records of the host.
   [[nodiscard]] std::string files() const;
 
-  /// Runs the uninstaller as `uid` with one more environment variable than `PATH`.
-  Outcome run(const std::string& variable = "LANG=C", uid_t uid = 0);
+  /// Runs the uninstaller with `PATH` and one more variable as its environment, with `options` of
+  /// the script that enters the host.
+  Outcome run(const std::string& variable = "LANG=C", const std::string& options = "");
   /// Runs `body`, with its expectations, in a child process on this host.
   void call(const std::function<void()>& body);
 
  private:
   [[nodiscard]] std::set<std::string> leaves() const;
-  [[nodiscard]] int child(const std::function<void()>& body) const;
 
   std::string scratch_;
   std::string root_;
   std::set<std::string> laid_out_;
 };
 
-inline constexpr const char* kManifest =
-    "/var/log/zephanorvalta/uninstall/.driver_uninstall_manifests";
-inline constexpr const char* kLog = "/var/log/zephanorvalta/driver_uninstaller.log";
+inline const std::string kManifest = "/var/log/zephanorvalta/uninstall/.driver_uninstall_manifests";
+inline const std::string kLog = "/var/log/zephanorvalta/driver_uninstaller.log";
 
 /// The digest of an empty file.
 inline const std::string kEmpty = "d41d8cd98f00b204e9800998ecf8427e";

@@ -1,13 +1,12 @@
 #include "uninstall/service.h"
 
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 
 #include "log/log.h"
 #include "uninstall/manifest_state.h"
 #include "uninstall/removal_log.h"
-#include "utils/command.h"
+#include "uninstall/systemctl.h"
 #include "utils/digest.h"
 #include "utils/files.h"
 #include "utils/host.h"
@@ -16,9 +15,6 @@ namespace valta {
 namespace {
 
 constexpr const char* kUnitDirectory = "/lib/systemd/system";
-
-/// What `systemctl status` exits with for a unit that systemd does not know.
-constexpr std::uint32_t kUnknownUnit = 4;
 
 bool is_template(const std::string& unit) { return unit.find('@') != std::string::npos; }
 
@@ -34,24 +30,12 @@ bool unchanged(const std::string& path, const std::string& digest) {
   return DigestCache[path] == digest || file_md5(path) == digest;
 }
 
-void run_unchecked(const std::string& command) {
-  std::string ignored;
-  run_command_quiet_status(command, ignored);
-}
-
-bool known_to_systemd(const std::string& unit) {
-  CommandResult result;
-  return !run_command("systemctl status " + unit + " 2>&1", result.output, result.status) ||
-         result.status != kUnknownUnit;
-}
-
 void stop_slice_of_instances(const std::string& unit) {
-  if (!is_template(unit)) {
+  if (is_template(unit)) {
+    systemctl::stop_slice_of_template(unit.substr(0, unit.find('@')));
+  } else {
     zvlogger::log(LogLevel::Debug, "not template. f.path:%s\n", unit.c_str());
-    return;
   }
-  const std::string slice = "system/" + unit.substr(0, unit.find('@')) + ".slice";
-  run_unchecked("systemctl stop $(systemd-escape " + slice + ");");
 }
 
 }  // namespace
@@ -62,7 +46,7 @@ ResultCode HandleServiceEntry(const ManifestEntry& entry) {
     return ResultCode::tolerated;
   }
   const std::string& unit = entry.path;
-  run_unchecked("systemctl disable " + unit + " 2>&1; systemctl stop " + unit + " 2>&1");
+  systemctl::disable_and_stop(unit);
 
   const std::string unit_file = unit_file_path(unit);
   zvlogger::log(LogLevel::Debug, "checking service_file %s\n", unit_file.c_str());
@@ -77,8 +61,8 @@ ResultCode HandleServiceEntry(const ManifestEntry& entry) {
     log_removal(unit_file, true);
   }
 
-  run_unchecked("systemctl reset-failed;systemctl daemon-reload");
-  if (known_to_systemd(unit)) {
+  systemctl::forget_and_reload();
+  if (systemctl::knows(unit)) {
     zvlogger::log(LogLevel::Info, "Uninstall: service:%s failed.\n", unit.c_str());
     zvlogger::log(LogLevel::Warning, "    service %s may not being removed properly.\n",
                   unit.c_str());

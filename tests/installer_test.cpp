@@ -1,0 +1,90 @@
+// The installer object and the looks at kernel modules, beyond what whole runs show.
+
+#include <gtest/gtest.h>
+#include <regex>
+#include <sys/utsname.h>
+
+#include "host.h"
+#include "installer/driver_installer.h"
+#include "installer/kernel_module.h"
+#include "installer/ofed.h"
+#include "log/log.h"
+
+namespace valta {
+
+TEST(DriverInstaller, DerivesItsFieldsAndRefusesToInstall) {
+  Host host;
+  host.call([] {
+    const auto prefix_for = [](const char* toolkit_path) {
+      DriverConfig config;
+      config.texts[DriverConfig::kToolkitPath] = toolkit_path;
+      return DriverInstaller(config).driver_prefix();
+    };
+    EXPECT_EQ(prefix_for("/opt/valta-4.1.0/"), "/opt/valta-4.1.0/");
+    EXPECT_EQ(prefix_for("/opt/toolkit"), "/opt/toolkit/valta-4.1.0/");
+    EXPECT_EQ(join_enabled({{"a=1", true}, {"b=2", false}, {"c=3", true}}), "a=1 c=3");
+    DriverInstaller installer{DriverConfig()};
+    EXPECT_EQ(installer.os_version(), "12");
+    Installer& base = installer;
+    EXPECT_EQ(base.install_driver(), ResultCode::failure);
+    EXPECT_EQ(base.install_firmware(), ResultCode::failure);
+    EXPECT_EQ(base.write_host_configuration(), ResultCode::failure);
+  });
+}
+
+TEST(ModuleStatus, ComesFromTheFirstLineOfExactlyThatName) {
+  const auto status = [](const std::string& name, const std::string& more = "") {
+    return module_status_in(
+        "zephanor_x 1 3 -\nmy_zephanor 1 3 -\nzephanor\t8 05 - Live\nzephanor 8 7\n"
+        "used 8 10 zephanor, Live\nbroken 8\n" +
+            more,
+        name);
+  };
+  EXPECT_EQ(status("zephanor"), ModuleStatus::unreferenced);
+  EXPECT_EQ(status("used"), ModuleStatus::in_use);
+  EXPECT_EQ(status("my|broken"), ModuleStatus::not_loaded);
+  // The pattern holds 127 characters: a long name first costs it its end, then makes it none.
+  EXPECT_EQ(status(std::string(85, 'n') + "|used"), ModuleStatus::in_use);
+  EXPECT_THROW(static_cast<void>(status(std::string(120, 'n'))), std::regex_error);
+  std::string huge(1'000'000, 'h');
+  huge += "\nlong 8126464 2 " + std::string(20'000, 'u') + ", Live 0x0\n";
+  EXPECT_EQ(status("long", huge), ModuleStatus::in_use);
+}
+
+TEST(ModuleStatus, NameWithGroupsIsAMatchError) {
+  Host host;
+  host.load_module("ab");
+  host.call([] {
+    zvlogger::init("/log");
+    EXPECT_EQ(module_status("(a)b|(c)"), ModuleStatus::match_error);
+  });
+  EXPECT_EQ(host.read("/log"),
+            "Debug: get module status on module: (a)b|(c) Match size incorrect: 5\nDebug: **ab "
+            "16384 0 - Live 0x0**\nDebug: **a**\nDebug: ****\nDebug: **16384**\nDebug: **0**\n");
+}
+
+TEST(Ofed, IsPresentWithAllItsFilesWhateverItsVersion) {
+  Host host;
+  const auto expect = [&](bool present, const std::string& log) {
+    host.call([&] {
+      zvlogger::init("/log");
+      EXPECT_EQ(ofed_present(), present);
+    });
+    EXPECT_EQ(host.read("/log"), log);
+  };
+  utsname kernel{};
+  uname(&kernel);
+  const std::string running = kernel.release;
+  const std::string sources = "/usr/src/ofa_kernel/";
+  host.sh("for version in " + running + " 1.2; do file " + sources + "$version/Module.symvers; " +
+          "file " + sources + "$version/include/rdma/peer_mem.h; done");
+  host.sh("ln -s " + running + " " + sources + "default");
+  expect(true, "Debug: Use OFED: " + sources + running + ", version: " + running + "\n");
+  host.sh("rm " + sources + "default; ln -s 1.2 " + sources + "default");
+  expect(true, "Debug: Use OFED: " + sources + "1.2, version: 1.2\nWarning: Version of OFED is " +
+                   "1.2, not the same as running kernel " + running + ".\n");
+  host.sh("rm " + sources + "1.2/include/rdma/peer_mem.h");
+  expect(false, "Debug: OFED dir [" + sources + "default/include/rdma/peer_mem.h] is not exist.\n");
+}
+
+}  // namespace valta
