@@ -19,6 +19,7 @@
 static bool refuse_unlink = false;
 
 /// Stands in for the C library's, so that a deletion can be made to fail for root too.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int unlink(const char* path) noexcept {
   errno = EROFS;
   return refuse_unlink ? -1 : unlinkat(AT_FDCWD, path, 0);

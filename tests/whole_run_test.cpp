@@ -134,7 +134,7 @@ struct Way {
   std::string log;  ///< part of it
   std::string trace;
   bool goes_on = false;  ///< up to the file at the end
-  std::string output = "";
+  std::string output = {};
 };
 
 void PrintTo(const Way& way, std::ostream* stream) { *stream << way.name; }

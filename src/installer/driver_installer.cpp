@@ -43,12 +43,13 @@ std::string join_enabled(const std::vector<ModuleParameter>& parameters) {
   return joined;
 }
 
-DriverInstaller::DriverInstaller(const DriverConfig& config) : config_(config) {
+DriverInstaller::DriverInstaller(const DriverConfig& config)
+    : config_(config),
+      driver_prefix_(derive_driver_prefix(config.texts[DriverConfig::kToolkitPath])),
+      module_parameters_(join_enabled(kModuleParameters)) {
   std::string& toolkit_path = config_.texts[DriverConfig::kToolkitPath];
-  driver_prefix_ = derive_driver_prefix(toolkit_path);
   toolkit_path = with_slash(toolkit_path);
   zvlogger::log(LogLevel::Debug, "driver prefix is %s.\n", driver_prefix_.c_str());
-  module_parameters_ = join_enabled(kModuleParameters);
   zvlogger::log(LogLevel::Debug, "PARAMS:/%s/\n", module_parameters_.c_str());
   OsRelease release;
   read_os_release(release);

@@ -22,15 +22,22 @@ mode_t set_umask() { return umask(kUmask); }
 bool running_in_container() {
   std::string cgroups;
   read_file_chunked(kCgroupPath, cgroups);
+  const auto line = container_line(cgroups);
+  if (line) {
+    zvlogger::log(LogLevel::Debug, "seeking %s found line is #%s#\n", kContainerWord,
+                  std::string(*line).c_str());
+  }
+  return line.has_value();
+}
+
+std::optional<std::string_view> container_line(std::string_view cgroups) {
   FieldReader lines(cgroups, '\n');
   while (const auto line = lines.next()) {
     if (line->find(kContainerWord) != std::string_view::npos) {
-      zvlogger::log(LogLevel::Debug, "seeking %s found line is #%s#\n", kContainerWord,
-                    std::string(*line).c_str());
-      return true;
+      return line;
     }
   }
-  return false;
+  return std::nullopt;
 }
 
 void read_os_release(OsRelease& release) {

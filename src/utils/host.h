@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -18,6 +19,9 @@ mode_t set_umask();
 /// Whether /proc/self/cgroup names docker, the only container engine looked for. Logs the line that
 /// does at Debug; a file that cannot be opened names none, and `read_file_chunked` says so.
 [[nodiscard]] bool running_in_container();
+
+/// The first line of a cgroup file's text that names docker.
+[[nodiscard]] std::optional<std::string_view> container_line(std::string_view cgroups);
 
 /// Reads /etc/os-release into `release`; a file that is missing (logged at Debug) or empty leaves
 /// it as it was.

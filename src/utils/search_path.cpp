@@ -49,7 +49,7 @@ bool find_in_path_executable(const std::string& name) {
 std::string which(const std::string& name) {
   const char* const path = std::getenv(kPathVariable);
   for (const auto& directory : split(path == nullptr ? "" : path, ':')) {
-    const std::string candidate = directory + "/" + name;
+    std::string candidate = directory + "/" + name;
     if (!directory.empty() && path_exists(candidate)) {
       return candidate;
     }

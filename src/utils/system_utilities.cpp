@@ -1,5 +1,6 @@
 #include "utils/system_utilities.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 
@@ -18,8 +19,9 @@ bool check_system_utilities(RequiredUtility* table, int count) {
                   kMaxRows);
     return false;
   }
+  const auto rows = static_cast<std::uint8_t>(std::max(count, 0));
   bool all_found = true;
-  for (std::uint8_t row = 0; row < count; ++row) {
+  for (std::uint8_t row = 0; row < rows; ++row) {
     RequiredUtility& utility = table[row];
     utility.found = find_in_path_executable(utility.name);
     if (utility.found) {
