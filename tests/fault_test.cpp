@@ -36,8 +36,7 @@ TEST_P(Interrupted, RunIsFinishedByASecondOne) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, Interrupted, testing::Values("KILL_BEFORE", "KILL_AFTER"),
-                         [](const auto& when) { return when.param; });
+INSTANTIATE_TEST_SUITE_P(Each, Interrupted, testing::Values("KILL_BEFORE", "KILL_AFTER"));
 
 /// A tool, the status that a run comes to for each way of breaking it, and what the log says why.
 struct Tool {

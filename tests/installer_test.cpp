@@ -33,22 +33,16 @@ TEST(DriverInstaller, DerivesItsFieldsAndRefusesToInstall) {
 }
 
 TEST(ModuleStatus, ComesFromTheFirstLineOfExactlyThatName) {
-  const auto status = [](const std::string& name, const std::string& more = "") {
-    return module_status_in(
-        "zephanor_x 1 3 -\nmy_zephanor 1 3 -\nzephanor\t8 05 - Live\nzephanor 8 7\n"
-        "used 8 10 zephanor, Live\nbroken 8\n" +
-            more,
-        name);
-  };
+  const std::string list =
+      "zephanor_x 1 3 -\nmy_zephanor 1 3 -\nzephanor\t8 05 - Live\nzephanor 8 7\nbroken 8\n" +
+      std::string(1'000'000, 'h') + "\nused 8 10 " + std::string(20'000, 'u') + ", Live 0x0\n";
+  const auto status = [&](const std::string& name) { return module_status_in(list, name); };
   EXPECT_EQ(status("zephanor"), ModuleStatus::unreferenced);
   EXPECT_EQ(status("used"), ModuleStatus::in_use);
   EXPECT_EQ(status("my|broken"), ModuleStatus::not_loaded);
   // The pattern holds 127 characters: a long name first costs it its end, then makes it none.
   EXPECT_EQ(status(std::string(85, 'n') + "|used"), ModuleStatus::in_use);
   EXPECT_THROW(static_cast<void>(status(std::string(120, 'n'))), std::regex_error);
-  std::string huge(1'000'000, 'h');
-  huge += "\nlong 8126464 2 " + std::string(20'000, 'u') + ", Live 0x0\n";
-  EXPECT_EQ(status("long", huge), ModuleStatus::in_use);
 }
 
 TEST(ModuleStatus, NameWithGroupsIsAMatchError) {
@@ -73,7 +67,7 @@ TEST(Ofed, IsPresentWithAllItsFilesWhateverItsVersion) {
     EXPECT_EQ(host.read("/log"), log);
   };
   utsname kernel{};
-  uname(&kernel);
+  ASSERT_EQ(uname(&kernel), 0);
   const std::string running = kernel.release;
   const std::string sources = "/usr/src/ofa_kernel/";
   host.sh("for version in " + running + " 1.2; do file " + sources + "$version/Module.symvers; " +

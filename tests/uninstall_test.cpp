@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -53,7 +54,9 @@ TEST(Manifest, IsWrittenIntoNewDirectoriesAndReadBack) {
     EXPECT_TRUE(WriteUninstallManifest({"longer than what follows"}, "/a/b/manifest"));
     EXPECT_TRUE(WriteUninstallManifest({"VALTA /v", "FILE /v/a 01"}, "/a/b/manifest"));
     EXPECT_EQ(show(LoadUninstallManifests("/a/b/manifest")), "(VALTA,/v,/v)(FILE,/v/a,01)");
-    EXPECT_EQ(show(LoadUninstallManifests("/a/b")), "");  // a directory is opened, but empty
+    EXPECT_EQ(show(LoadUninstallManifests("/a/b")), "");         // a directory is opened, but empty
+    std::filesystem::resize_file("/a/b/manifest", 100'000'000);  // one line, NUL bytes behind "01"
+    EXPECT_EQ(LoadUninstallManifests("/a/b/manifest")[2].type.size(), 100'000'000U - 22);
     EXPECT_FALSE(WriteUninstallManifest({"VALTA /v"}, "/a/b"));
   });
   EXPECT_EQ(host.read("/log"), "Error: Unable to write the uninstall manifest '/a/b'.\n");

@@ -41,3 +41,9 @@ need_build() {
 need_tests() {
   need googletest=/usr/src/googletest/CMakeLists.txt
 }
+
+# What the fuzz preset needs besides.
+need_clang() {
+  need clang-14=clang++-14 clang=clang++ \
+    libclang-rt-14-dev=/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux
+}
