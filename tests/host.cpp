@@ -44,7 +44,6 @@ Host::Host() {
   scratch_ = mkdtemp(pattern.data());
   root_ = scratch_ + "/root";
   EXPECT_EQ(script("lay-out " + root_ + " " + VALTA_PROGRAM), 0);
-  laid_out_ = leaves();
 }
 
 Host::~Host() { fs::remove_all(scratch_); }
@@ -79,35 +78,21 @@ bool Host::has(const std::string& path) const {
   return fs::exists(fs::symlink_status(root_ + path));
 }
 
-std::set<std::string> Host::leaves() const {
-  std::set<std::string> paths;
-  for (const auto& item : fs::recursive_directory_iterator(root_)) {
-    const std::string path = item.path().string().substr(root_.size());
-    if (item.is_symlink() || !item.is_directory()) {
-      paths.insert(path);
-    } else if (fs::is_empty(item.path())) {
-      paths.insert(path + "/");
-    }
-  }
-  return paths;
-}
-
 std::string Host::files() const {
-  std::string text;
-  for (const auto& path : leaves()) {
-    text += laid_out_.contains(path) ? "" : path + "\n";
-  }
-  return text;
+  EXPECT_EQ(script("list-files " + root_ + " >" + scratch_ + "/files"), 0);
+  return contents(scratch_ + "/files");
 }
 
-Outcome Host::run(const std::string& variable, const std::string& options) {
+Outcome Host::run(const std::string& variable, const std::string& options,
+                  const std::string& reader) {
   std::ofstream(root_ + "/trace").flush();
   std::ofstream(root_ + "/run/commands") << "0\n";
   const std::string output = scratch_ + "/output";
   const std::string console = scratch_ + "/console";
-  const int status = script("enter -e PATH=/usr/bin:/bin -e " + variable + " " + options + " " +
-                            VALTA_ENTER_OPTIONS " " + root_ + " /valta-driver-uninstaller >" +
-                            output + " 2>" + console);
+  const int status =
+      script("enter " VALTA_ENTER_OPTIONS " " + options + " -e PATH=/usr/bin:/bin -e " + variable +
+             " " + root_ + " /valta-driver-uninstaller " +
+             (reader.empty() ? "2>" + console + " >" + output : "2>&1 >" + output + "|" + reader));
   return {status, contents(output), contents(console), read("/trace"), read(kLog)};
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -39,17 +38,15 @@ class Host {
   [[nodiscard]] std::string files() const;
 
   /// Runs the uninstaller with `PATH` and one more variable as its environment, with `options` of
-  /// the script that enters the host.
-  Outcome run(const std::string& variable = "LANG=C", const std::string& options = "");
+  /// the script that enters the host. The console is kept, or piped to `reader`.
+  Outcome run(const std::string& variable = "LANG=C", const std::string& options = "",
+              const std::string& reader = "");
   /// Runs `body`, with its expectations, in a child process on this host.
   void call(const std::function<void()>& body);
 
  private:
-  [[nodiscard]] std::set<std::string> leaves() const;
-
   std::string scratch_;
   std::string root_;
-  std::set<std::string> laid_out_;
 };
 
 inline const std::string kManifest = "/var/log/zephanorvalta/uninstall/.driver_uninstall_manifests";

@@ -21,8 +21,8 @@ TEST(Text, FieldsAreKeptButNoneBehindTheLastDelimiter) {
   EXPECT_EQ(split("a::b:", ':'), (Fields{"a", "", "b"}));
   EXPECT_EQ(split("", ':'), Fields{});
   OsRelease release{"", "kept"};
-  parse_os_release("ID=ubuntu\nVARIANT_ID=\"se\"rver", release);
-  EXPECT_EQ(release.id + release.version_id, "serverkept");
+  parse_os_release("ID=ubuntu\nVARIANT_ID=\"se\"rver\nVERSION_ID=\"12\"", release);
+  EXPECT_EQ(release.id + release.version_id, "server12");
 }
 
 TEST(Command, DeliversAllOutputAndTheExitCode) {
@@ -47,14 +47,14 @@ TEST(Command, DeliversAllOutputAndTheExitCode) {
 
 TEST(SearchPath, IsExtendedWithoutRepetitionAndSearchedInOrder) {
   Host host;
-  host.sh("file /a/rmmod; ln -s /sbin/rmmod /rooted");
+  host.sh("file /a/rmmod; file /a/plain; ln -s /sbin/rmmod /rooted");
   host.call([] {
     const auto path_after = [](const char* path, const char* name) {
       setenv("PATH", path, 1);
       const std::string found = find_in_path_executable(name) ? "+" : "-";
       return found + getenv("PATH");
     };
-    EXPECT_EQ(path_after("/bin:/opt/x:/bin", "none"), "-/bin:/opt/x:/usr/bin:/sbin:/usr/sbin");
+    EXPECT_EQ(path_after("/bin:/a:/bin", "plain"), "-/bin:/a:/usr/bin:/sbin:/usr/sbin");
     EXPECT_EQ(path_after("/a::/b::", "rooted"), "+/a::/b:/bin:/usr/bin:/sbin:/usr/sbin");
     EXPECT_EQ(which("rooted"), "");  // skips empty fields, and takes any file
     EXPECT_EQ(which("rmmod"), "/a/rmmod");

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <iterator>
+#include <sys/stat.h>
 
 #include "host.h"
 
@@ -107,6 +108,11 @@ Warning: dkms conf /etc/dkms/framework.conf not exist. assume default value.
 )"));
 }
 
+TEST_F(WholeRun, NeedsNoConsoleAndNoSignalsFromItsCaller) {
+  host.install_sample();
+  EXPECT_EQ(host.run("LANG=C", "-e --ignore-signal=CHLD", "true").log, expected_of_sample("log"));
+}
+
 TEST_F(WholeRun, NormalUserIsRefused) {
   const Outcome run = host.run("LANG=C", "-n");
   EXPECT_EQ(run.status, 255);
@@ -116,6 +122,7 @@ TEST_F(WholeRun, NormalUserIsRefused) {
 
 TEST_F(WholeRun, StartsFromHomeOrTheRootDirectoryWithTheSystemPath) {
   host.sh("tool /sbin/depmod 'pwd >/seen; echo $PATH >>/seen; umask >>/seen'");
+  umask(0);
   for (const std::string home : {"/usr/src", ""}) {
     host.run(home.empty() ? "LANG=C" : "HOME=" + home);
     EXPECT_EQ(host.read("/seen"),
