@@ -1,6 +1,7 @@
 // Feeds text to every reader of text from the host and checks what must hold of any text.
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -68,9 +69,11 @@ void load_manifest(const std::string& text) {
 }
 
 void write_manifest(const std::string& text) {
-  static const std::string path = "/tmp/fuzzed-manifest-" + std::to_string(getpid());
-  const std::vector<std::string> lines = split(text, '\n');
-  CHECK(WriteUninstallManifest(lines, path));
+  std::string path = "/tmp/fuzzed-manifest-XXXXXX";
+  const int file = mkstemp(path.data());
+  CHECK(file >= 0);
+  close(file);
+  CHECK(WriteUninstallManifest(split(text, '\n'), path));
   const std::vector<ManifestEntry> written = LoadUninstallManifests(path);
   unlink(path.c_str());
   const std::vector<ManifestEntry> expected = parse_manifest(text);

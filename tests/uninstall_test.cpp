@@ -26,7 +26,7 @@ extern "C" int unlink(const char* path) noexcept {
   return refuse_unlink ? -1 : unlinkat(AT_FDCWD, path, 0);
 }
 
-namespace valta {
+using namespace valta;
 
 using testing::HasSubstr;
 
@@ -69,22 +69,23 @@ class SharedPaths : public testing::TestWithParam<std::string> {};
 TEST_P(SharedPaths, StayWhileEitherPackageWasThereAtTheFirstLook) {
   const bool kept = GetParam() != "No";
   Host host;
-  host.sh("file /v/file; ln -s x /v/lib; ln -s x /v/reserved; ln -s x /v/lib64.so; mkdir /v/dir");
+  host.sh("file /v/file; ln -s x /v/lib; ln -s x /v/reserved; ln -s x /v/zlib; mkdir /v/dir");
   host.sh("file /other/bin/valta-driver-uninstaller");  // the prefix of a later entry
+  host.sh("file /usr/local/valta-4.1.0/lib64/libcudart.so");
   host.sh(kept ? "file /v/bin/valta-driver-uninstaller" : "");
   host.sh(GetParam() == "Toolkit" ? "file /v/lib64/libcudart.so" : "");
   host.call([] {
     zvlogger::init("/log");
-    EXPECT_EQ(process("VALTA /v/\nSYMLINK /v/lib\nVALTA /other\nSYMLINK /v/lib64.so\n"
+    EXPECT_EQ(process("VALTA /v/\nSYMLINK /v/lib\nVALTA /other\nSYMLINK /v/zlib\n"
                       "RLINK /v/reserved\nRLINK /v/dir\nRFILE /v/file " +
                       kEmpty),
               ResultCode::success);
-    EXPECT_FALSE(ToolkitInstalled("") || DriverInstalled("/"));
+    EXPECT_TRUE(ToolkitInstalled("") && !DriverInstalled(""));
   });
   for (const char* const path : {"/v/lib", "/v/reserved", "/v/file"}) {
     EXPECT_EQ(host.has(path), kept) << path;
   }
-  EXPECT_TRUE(host.has("/v/dir") && !host.has("/v/lib64.so"));
+  EXPECT_TRUE(host.has("/v/dir") && !host.has("/v/zlib"));
   EXPECT_THAT(host.read("/log"),
               HasSubstr(kept ? GetParam() + " not uninstalled. Skipping remove /v/reserved.\n"
                              : "Uninstall: /v/reserved Succeed.\n"));
@@ -107,19 +108,24 @@ TEST(Handlers, LinksThatCannotBeDeletedHaveCodesOfTheirOwn) {
 
 TEST(Handlers, DigestsAreRememberedWithTheEmptyOneOfAService) {
   Host host;
-  const std::string unit = "/lib/systemd/system/u.service";
-  host.sh("file /file changed; file /original; file " + unit + " changed");
+  const std::string units = "/lib/systemd/system/";
+  host.sh("file /file changed; file /original; file " + units + "a.service changed; file " + units +
+          "b.service");
   host.call([&] {
     zvlogger::init("/log");
-    EXPECT_EQ(process("FILE /file " + kEmpty + "\nSERVICE u " + kEmpty), ResultCode::success);
+    EXPECT_EQ(process("FILE /file " + kEmpty + "\nFILE " + units + "b.service other\nSERVICE a " +
+                      kEmpty),
+              ResultCode::success);
     EXPECT_EQ(rename("/original", "/file"), 0);  // restored, but the remembered digest counts
-    EXPECT_EQ(process("FILE /file " + kEmpty), ResultCode::success);
+    EXPECT_EQ(rename("/etc/os-release", (units + "b.service").c_str()), 0);  // and so here
+    EXPECT_EQ(process("FILE /file " + kEmpty + "\nSERVICE b " + kEmpty), ResultCode::success);
     EXPECT_TRUE(ChangedFileFound);
-    EXPECT_EQ(process("FILE " + unit + " " + kEmpty), ResultCode::success);
+    EXPECT_EQ(process("FILE " + units + "a.service " + kEmpty), ResultCode::success);
     EXPECT_FALSE(ChangedFileFound);
   });
-  EXPECT_TRUE(host.has("/file"));
-  EXPECT_THAT(host.read("/log"), HasSubstr("Warning: Uninstall: md5sum of " + unit + " is empty."));
+  EXPECT_TRUE(host.has("/file") && !host.has(units + "b.service"));
+  EXPECT_THAT(host.read("/log"),
+              HasSubstr("Uninstall: md5sum of " + units + "a.service is empty."));
 }
 
 TEST(Handlers, DirectoriesGoOnlyWhenEmptyAndNeverStopTheRun) {
@@ -162,5 +168,3 @@ TEST(Dkms, SweepTakesRealVersionDirectoriesInOrder) {
   host.sh("rm /usr/sbin/dkms");
   host.call([] { EXPECT_EQ(RemoveDkmsModule(""), ResultCode::dkms_missing); });
 }
-
-}  // namespace valta

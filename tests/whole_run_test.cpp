@@ -8,9 +8,7 @@
 
 #include "host.h"
 
-namespace valta {
-namespace {
-
+using namespace valta;
 using testing::HasSubstr;
 
 const std::string kClosing = "Driver uninstall log is in " + kLog + "\n";
@@ -151,16 +149,18 @@ class DifferentWay : public WholeRun, public testing::WithParamInterface<Way> {}
 TEST_P(DifferentWay, EndsAsItShould) {
   const Way& way = GetParam();
   host.load_module("zephanor");
-  host.sh("file /last");
+  host.sh("file /last; file " + kLog);
   host.manifest({way.entry, "FILE /last " + kEmpty});
   host.sh(way.prepare);
+  std::string left = host.files();
+  left.erase(left.find("/last\n"), way.goes_on ? 6 : 0);
   const Outcome run = host.run();
   EXPECT_EQ(run.status, way.status);
   EXPECT_EQ(run.console, way.console);
   EXPECT_EQ(run.output, way.output);
   EXPECT_THAT(run.log, HasSubstr(way.log));
   EXPECT_EQ(run.trace, way.trace);
-  EXPECT_EQ(host.has("/last"), !way.goes_on);
+  EXPECT_EQ(host.files(), left);
 }
 
 const std::string kOfed =
@@ -174,7 +174,7 @@ const std::string kStopped = "Error: failed in removing.\nUninstall valta driver
 INSTANTIATE_TEST_SUITE_P(
     Of, DifferentWay,
     testing::Values(
-        Way{"BusyDriver", "", "echo 'kq_driver 1 3 -' >/proc/modules", 43, failed("kq_driver"),
+        Way{"BusyDriver", "", "echo 'kq_driver 1 3 -' >>/proc/modules", 43, failed("kq_driver"),
             "Error: 'zephanor' is busy." + kBusyEnd, ""},
         Way{"BusyCompanion", "", "echo 'zvrfs 1 1 -' >>/proc/modules", 43, kFailed,
             "Error: Remove 'zvrfs' failed and it's maybe busy." + kBusyEnd,
@@ -192,13 +192,18 @@ INSTANTIATE_TEST_SUITE_P(
             0, kSucceeded,
             "Error: Failed to depmod, modprobe/modinfo might cant find :\nbroken\n\nSuccessfully",
             kRest, true},
+        Way{"StuckConfiguration", "VALTA /v",
+            "tool /usr/bin/rm '[ $2 != /etc/zephanor ] || { printf held; exit 1; }'", 0, kSucceeded,
+            "Error: Clean up the old configuration file /etc/zephanor failed, heldSuccessfully",
+            kUnloaded + kRest, true},
         Way{"NoRmmod", "VALTA /v", "rm /sbin/rmmod", 0, kClosing,
             "Error: Unable to find the system utility 'rmmod'; please make sure you have the "
             "package 'module-init-tools' or 'kmod' installed.  If you do have 'module-init-tools' "
             "or 'kmod' installed, then please check that 'rmmod' is in your PATH.\n"
             "Error: Check utils failed. please refer guide in log.\n",
             ""},
-        Way{"NoLog", "", "ln -s /missing/log " + kLog, 1, "Failed to init zvlogger.\n", "", ""},
+        Way{"NoLog", "", "rm " + kLog + "; ln -s /missing/log " + kLog, 1,
+            "Failed to init zvlogger.\n", "", ""},
         Way{"Container", "SERVICE u " + kEmpty + "\nDKMS latest",
             "echo '0::/x/docker-1.scope' >/proc/self/cgroup", 0, kSucceeded,
             "Debug: seeking docker found line is #0::/x/docker-1.scope#\n"
@@ -218,7 +223,8 @@ INSTANTIATE_TEST_SUITE_P(
             "Warning:     service u may not being removed properly.\n" +
                 kStopped,
             kUnloaded + stop("u") + forget("u")},
-        Way{"UnknownType", "file /a b", "", 5, kFailed, kStopped, kUnloaded, false,
+        Way{"UnknownType", "FILE /dev/null x\nfile /a b", "", 5, kFailed, kStopped,
+            kUnloaded + md5sum("/dev/null"), false,
             "Uninstall: type:file's handler is not found.\n"},
         Way{"LinkLoop", "DIR /loop ", "ln -s /loop /loop", 5, kFailed,
             "Error: filesystem error: status: Too many levels of symbolic links [/loop]\n" +
@@ -229,8 +235,13 @@ INSTANTIATE_TEST_SUITE_P(
             "file /full/file; tool /usr/bin/md5sum 'echo digest of $1'", 141, kFailed,
             "Uninstall: /full Failed.\n" + kStopped, kUnloaded + md5sum("/full")},
         Way{"DkmsRefuses", "DKMS latest",
-            "file /var/lib/dkms/valta/1/source/a; tool /usr/sbin/dkms 'echo held; exit 4'", 140,
-            kFailed, "Debug: CMD: dkms remove valta/1 --all 2>&1\n" + kStopped,
+            "file /var/lib/dkms/valta/1/source/a; tool /usr/sbin/dkms 'echo held; exit 4'; "
+            "mkdir -p /etc/dkms/framework.conf",
+            140, kFailed,
+            "is empty. assume default value.\nsource_tree /usr/src\ndkms_tree /var/lib/dkms\n"
+            "install_tree /lib/modules\nchecking /var/lib/dkms/valta/1\n"
+            "Debug: CMD: dkms remove valta/1 --all 2>&1\n" +
+                kStopped,
             kUnloaded + "dkms remove valta/1 --all 2>&1 2>&1\n", false,
             "Error happened in dkms remove valta/1 --all 2>&1. please check manually. remove "
             "returns 4.\nheld\n\n"},
@@ -244,6 +255,3 @@ INSTANTIATE_TEST_SUITE_P(
             kUnloaded +
                 "dkms remove valta/1 --all 2>&1 2>&1\nrm -rf /usr/src/valta-1 2>&1 2>&1\n"}),
     [](const testing::TestParamInfo<Way>& way) { return way.param.name; });
-
-}  // namespace
-}  // namespace valta

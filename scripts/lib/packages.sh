@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2191  # PACKAGE=PROBE is one word
 # What the scripts need of the machine. Source this file.
 
 # need PACKAGE=PROBE...: makes sure that every PROBE is there, a command or an absolute path, and
@@ -32,18 +32,15 @@ need() {
 }
 
 # What every build needs, and a throwaway host.
-need_build() {
-  need g++=g++ libc6-dev=/usr/include/stdio.h cmake=cmake ninja-build=ninja binutils=readelf \
-    coreutils=md5sum libc-bin=ldd util-linux=unshare
-}
+needed_to_build=(g++=g++ libc6-dev=/usr/include/stdio.h cmake=cmake ninja-build=ninja
+  binutils=readelf coreutils=md5sum libc-bin=ldd util-linux=unshare)
 
-# What building the tests needs besides.
-need_tests() {
-  need googletest=/usr/src/googletest/CMakeLists.txt
-}
+# What building the tests needs.
+# shellcheck disable=SC2034  # used by those who source this
+needed_to_test=("${needed_to_build[@]}" googletest=/usr/src/googletest/CMakeLists.txt)
 
-# What the fuzz preset needs besides.
+# What the fuzz preset needs besides: clang, and the runtime of its sanitizers.
 need_clang() {
-  need clang-14=clang++-14 clang=clang++ \
-    libclang-rt-14-dev=/usr/lib/llvm-14/lib/clang/14.0.6/lib/linux
+  need clang=clang++
+  need "libclang-rt-$(clang++ -dumpversion | cut -d. -f1)-dev=$(clang++ -print-resource-dir)/lib/linux"
 }

@@ -69,8 +69,9 @@ ResultCode run(const DriverConfig& config) {
 void settle_process() {
   // Ignored by the caller, it would hide the exit codes of the commands.
   std::signal(SIGCHLD, SIG_DFL);
-  // A console that goes away must not end a run half done.
-  std::signal(SIGPIPE, SIG_IGN);
+  // A console that goes away must not end a run half done. The commands, which inherit what is
+  // ignored but no handler, keep their own ways.
+  std::signal(SIGPIPE, [](int /*signal*/) {});
   // What goes past the log stays in order with the console's lines.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 }
