@@ -17,7 +17,6 @@ TEST_P(Interrupted, RunIsFinishedByASecondOne) {
   ASSERT_EQ(undisturbed.run().status, 0);
   const int commands = std::stoi(undisturbed.read("/run/commands"));
   ASSERT_GT(commands, 20);
-  const std::string changed = "/usr/local/valta-4.1.0/etc/site.conf";
   for (int command = 1; command <= commands; ++command) {
     SCOPED_TRACE(command);
     Host host;
@@ -30,7 +29,7 @@ TEST_P(Interrupted, RunIsFinishedByASecondOne) {
     EXPECT_THAT(second.log, testing::Not(ContainsRegex("Error: ")));
     EXPECT_EQ(host.files(), undisturbed.files());
     EXPECT_EQ(host.read("/proc/modules"), undisturbed.read("/proc/modules"));
-    EXPECT_EQ(host.read(changed), undisturbed.read(changed));
+    EXPECT_THAT(host.read("/usr/local/valta-4.1.0/etc/site.conf"), ContainsRegex("changed by"));
   }
 }
 
@@ -76,15 +75,11 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Tool{"/sbin/rmmod", {43, 0, 43, 43, 43}, "'zvrfs' failed", "utility 'rmmod'", true},
         Tool{"/sbin/depmod", {5, 5, 5, 5, 0}, "Failed to depmod", "Successfully"},
-        Tool{"/usr/bin/md5sum", {0, 0, 0, 0, 0}, "", "Warning: (MD5|md5sum) for .*zvsmi", true},
+        Tool{"/usr/bin/md5sum", {0, 0, 0, 0, 0}, "", "(MD5|md5sum) for .*zvsmi", true},
         Tool{"/usr/sbin/dkms", {140, 0, 140, 140, 0}, "failed in removing", "dkms not|CMD: /usr"},
         Tool{"/usr/bin/systemctl", {145, 145, 145, 145, 145}, "service:valta-agent failed", ""},
         Tool{"/usr/bin/systemd-escape", {0, 0, 0, 0, 0}, "", "service:valta-y@0 success"},
         Tool{"/usr/bin/rm", {140, 140, 140, 140, 0}, "remove dkms src", "Successfully"},
         Tool{"/bin/sh", {43, 43, 43, 43, 43}, "'zvrfs' failed", "", true},
-        Tool{"/bin/sh",
-             {0, 0, 0, 0, 0},
-             "",
-             "Warning: (MD5|md5sum) for .*zvsmi",
-             true,
-             ": >/proc/modules"}));
+        Tool{
+            "/bin/sh", {0, 0, 0, 0, 0}, "", "(MD5|md5sum) for .*zvsmi", true, ": >/proc/modules"}));

@@ -16,6 +16,7 @@ TEST(Log, LevelsChoosePrefixAndConsoleAndEachRunStartsAfresh) {
   Host host;
   host.call([&] {
     testing::internal::CaptureStderr();
+    umask(0);
     log_all("closed");
     zvlogger::init("/a/b/log");
     log_all("earlier");

@@ -4,14 +4,14 @@
 
 #include "log/log.h"
 #include "uninstall/removal_log.h"
+#include "utils/text.h"
 
 namespace valta {
 namespace fs = std::filesystem;
 
 ResultCode HandleDirEntry(const ManifestEntry& entry) {
   const char* const path = entry.path.c_str();
-  // The path ends at a NUL byte for the system, which would make it another directory's.
-  if (entry.path.find('\0') != std::string::npos || !fs::exists(entry.path)) {
+  if (has_nul(entry.path) || !fs::exists(entry.path)) {
     return ResultCode::success;
   }
   if (!fs::is_empty(entry.path)) {

@@ -3,15 +3,25 @@
 #include <array>
 #include <cstdio>
 
-namespace valta {
-namespace {
+#include "utils/text.h"
 
-bool run_line(const std::string& line, std::string& output, std::uint32_t& status) {
+namespace valta {
+bool run_command(const std::string& command, std::string& output, std::uint32_t& status) {
+  return run_command_redirect(command, output, status, true);
+}
+
+bool run_command_quiet_status(const std::string& command, std::string& output) {
+  std::uint32_t dropped = 0;
+  return run_command(command, output, dropped);
+}
+
+bool run_command_redirect(const std::string& command, std::string& output, std::uint32_t& status,
+                          bool merge_stderr) {
   output.clear();
-  if (line.find('\0') != std::string::npos) {
+  if (has_nul(command)) {
     return false;
   }
-  std::FILE* const pipe = popen(line.c_str(), "r");
+  std::FILE* const pipe = popen((merge_stderr ? command + " 2>&1" : command).c_str(), "r");
   if (pipe == nullptr) {
     return false;
   }
@@ -24,22 +34,6 @@ bool run_line(const std::string& line, std::string& output, std::uint32_t& statu
   const auto wait_status = static_cast<std::uint32_t>(pclose(pipe));
   status = (wait_status >> 8U) & 0xFFU;
   return true;
-}
-
-}  // namespace
-
-bool run_command(const std::string& command, std::string& output, std::uint32_t& status) {
-  return run_command_redirect(command, output, status, true);
-}
-
-bool run_command_quiet_status(const std::string& command, std::string& output) {
-  std::uint32_t dropped = 0;
-  return run_command(command, output, dropped);
-}
-
-bool run_command_redirect(const std::string& command, std::string& output, std::uint32_t& status,
-                          bool merge_stderr) {
-  return run_line(merge_stderr ? command + " 2>&1" : command, output, status);
 }
 
 bool succeeds(const std::string& command, CommandResult& result) {

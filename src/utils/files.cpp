@@ -19,14 +19,12 @@ constexpr std::size_t kFileChunk = 65536;
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
-bool nameable(const std::string& path) { return path.find('\0') == std::string::npos; }
-
 bool accessible(const std::string& path, int mode) {
-  return nameable(path) && access(path.c_str(), mode) == 0;
+  return !has_nul(path) && access(path.c_str(), mode) == 0;
 }
 
 File open_for_reading(const std::string& path) {
-  return {nameable(path) ? std::fopen(path.c_str(), "rb") : nullptr, &std::fclose};
+  return {has_nul(path) ? nullptr : std::fopen(path.c_str(), "rb"), &std::fclose};
 }
 
 }  // namespace
@@ -37,12 +35,12 @@ bool is_executable(const std::string& path) { return accessible(path, X_OK); }
 
 bool is_directory(const std::string& path) {
   struct stat status {};
-  return nameable(path) && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  return !has_nul(path) && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 bool is_symlink(const std::string& path) {
   struct stat status {};
-  return nameable(path) && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+  return !has_nul(path) && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 bool read_file_chunked(const std::string& path, std::string& text) {
@@ -89,7 +87,7 @@ bool file_has_line_with(const std::string& path, const std::string& needle) {
 std::vector<std::string> glob_paths(const std::string& pattern) {
   glob_t matches{};
   const int code =
-      nameable(pattern) ? glob(pattern.c_str(), GLOB_TILDE, nullptr, &matches) : GLOB_NOMATCH;
+      has_nul(pattern) ? GLOB_NOMATCH : glob(pattern.c_str(), GLOB_TILDE, nullptr, &matches);
   std::vector<std::string> paths;
   switch (code) {
     case 0:

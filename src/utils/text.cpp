@@ -4,6 +4,8 @@
 
 namespace valta {
 
+bool has_nul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
+
 std::optional<std::string_view> FieldReader::next() {
   if (rest_.empty()) {
     return std::nullopt;

@@ -7,6 +7,9 @@
 
 namespace valta {
 
+/// Whether `text` holds a NUL byte: the system would take its front part for the whole.
+[[nodiscard]] bool has_nul(std::string_view text);
+
 /// Walks the fields of a text as a line reader does: every field counts, empty ones too; a
 /// delimiter at the end of the text opens no further field, and an empty text has none.
 /// The text must outlive the reader and its fields.
