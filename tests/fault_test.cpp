@@ -3,83 +3,151 @@
 
 #include <csignal>
 #include <gmock/gmock.h>
+#include <map>
 
-#include "host.h"
+#include "throwaway_host.h"
+#include "uninstall/install_root.h"
 
 using namespace valta;
 using testing::ContainsRegex;
+using testing::EndsWith;
+using testing::Not;
+using testing::StartsWith;
 
 class Interrupted : public testing::TestWithParam<std::string> {};
 
 TEST_P(Interrupted, RunIsFinishedByASecondOne) {
-  Host undisturbed;
+  ThrowawayHost undisturbed;
   undisturbed.install_sample();
   ASSERT_EQ(undisturbed.run().status, 0);
+  const std::string whole_log = undisturbed.read(kLog);
   const int commands = std::stoi(undisturbed.read("/run/commands"));
   ASSERT_GT(commands, 20);
   for (int command = 1; command <= commands; ++command) {
     SCOPED_TRACE(command);
-    Host host;
+    ThrowawayHost host;
     host.install_sample();
-    const Outcome killed = host.run(GetParam() + "=" + std::to_string(command));
+    const Outcome killed = host.run({.variable = GetParam() + "=" + std::to_string(command)});
     EXPECT_EQ(killed.status, 128 + SIGKILL);
-    EXPECT_TRUE(killed.log.ends_with('\n') && undisturbed.read(kLog).starts_with(killed.log));
+    EXPECT_THAT(killed.log, EndsWith("\n"));
+    EXPECT_THAT(whole_log, StartsWith(killed.log));
     const Outcome second = host.run();
     EXPECT_EQ(second.status, 0);
-    EXPECT_THAT(second.log, testing::Not(ContainsRegex("Error: ")));
+    EXPECT_THAT(second.log, Not(ContainsRegex("Error: ")));
     EXPECT_EQ(host.files(), undisturbed.files());
     EXPECT_EQ(host.read("/proc/modules"), undisturbed.read("/proc/modules"));
-    EXPECT_THAT(host.read("/usr/local/valta-4.1.0/etc/site.conf"), ContainsRegex("changed by"));
+    EXPECT_THAT(host.read(default_install_root() + "/etc/site.conf"), ContainsRegex("changed by"));
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, Interrupted, testing::Values("KILL_BEFORE", "KILL_AFTER"));
 
-/// A tool, the status that a run comes to for each way of breaking it, and what the log says then.
+const std::string kMissing;  // has no script of its own
+const std::string kLies = R"(printf "\377\001\n")";
+const std::vector<std::string> kWaysToBreak = {kMissing, "exit 1", "kill -KILL $$",
+                                               "printf %070000d 1; exit 1", kLies};
+
 struct Tool {
+  std::string name;
   std::string path;
-  std::vector<int> statuses;
-  std::string why_failed;     ///< regular expression
-  std::string why_succeeded;  ///< regular expression
-  bool needed_to_check = false;
-  std::string prepare = {};  ///< shell commands
+  std::string prepare = {};              ///< shell commands
+  int status = 0;                        ///< of a run with the broken tool
+  std::map<std::string, int> but = {};   ///< in these ways of breaking it
+  std::string says_when_failed = {};     ///< regular expression for the log
+  std::string says_when_succeeded = {};  ///< the same
+  std::vector<std::string> stays = {};   ///< whatever the way
+  std::vector<std::string> goes = {};    ///< the same
 };
 
-void PrintTo(const Tool& tool, std::ostream* stream) { *stream << tool.path; }
+void PrintTo(const Tool& tool, std::ostream* stream) { *stream << tool.name; }
 
 class BrokenTool : public testing::TestWithParam<Tool> {};
 
 TEST_P(BrokenTool, EndsTheRunWithItsStatusAndCostsNothingUnchecked) {
   const Tool& tool = GetParam();
-  const std::vector<std::string> ways = {"exit 1", "", "kill -KILL $$", "printf %070000d 1; exit 1",
-                                         R"(printf "\377\001\n")"};
-  const std::string prefix = "/usr/local/valta-4.1.0";
-  for (std::size_t i = 0; i < ways.size(); ++i) {
-    SCOPED_TRACE(ways[i]);
-    Host host;
+  for (const auto& way : kWaysToBreak) {
+    SCOPED_TRACE(way);
+    ThrowawayHost host;
     host.install_sample();
     host.sh(tool.prepare);
-    host.sh(ways[i].empty() ? "rm " + tool.path : "tool " + tool.path + " '" + ways[i] + "'");
+    host.sh(way == kMissing ? "rm " + tool.path : "tool " + tool.path + " '" + way + "'");
     const Outcome run = host.run();
-    EXPECT_EQ(run.status, tool.statuses[i]);
-    EXPECT_THAT(run.log, ContainsRegex(run.status == 0 ? tool.why_succeeded : tool.why_failed));
-    EXPECT_TRUE(host.has(prefix + "/etc/site.conf"));
-    const bool kept = host.has(prefix + "/bin/zvsmi") && host.has(prefix + "/lib64/libcuda.so.1") &&
-                      host.has("/lib/systemd/system/valta-y@.service");
-    EXPECT_TRUE(kept || !tool.needed_to_check);
+    EXPECT_EQ(run.status, tool.but.contains(way) ? tool.but.at(way) : tool.status);
+    EXPECT_THAT(run.log,
+                ContainsRegex(run.status == 0 ? tool.says_when_succeeded : tool.says_when_failed));
+    EXPECT_TRUE(host.has(default_install_root() + "/etc/site.conf"));
+    for (const auto& path : tool.stays) {
+      EXPECT_TRUE(host.has(path)) << path;
+    }
+    for (const auto& path : tool.goes) {
+      EXPECT_FALSE(host.has(path)) << path;
+    }
   }
 }
 
+const std::string kFile = default_install_root() + "/bin/zvsmi";
+const std::string kSharedFile = default_install_root() + "/lib64/libcuda.so.1";
+const std::string kLink = default_install_root() + "/lib";
+const std::string kFirstUnit = "/lib/systemd/system/valta-agent.service";
+const std::string kLastUnit = "/lib/systemd/system/valta-y@.service";
+const std::string kRegistration = std::string("/var/lib/dkms/valta/") + kStackVersion;
+const std::string kConfiguration = "/etc/zephanor/settings";
+
 INSTANTIATE_TEST_SUITE_P(
     Each, BrokenTool,
-    testing::Values(
-        Tool{"/sbin/rmmod", {43, 0, 43, 43, 43}, "'zvrfs' failed", "utility 'rmmod'", true},
-        Tool{"/sbin/depmod", {5, 5, 5, 5, 0}, "Failed to depmod", "Successfully"},
-        Tool{"/usr/bin/md5sum", {0, 0, 0, 0, 0}, "", "(MD5|md5sum) for .*zvsmi", true},
-        Tool{"/usr/sbin/dkms", {140, 0, 140, 140, 0}, "failed in removing", "dkms not|CMD: /usr"},
-        Tool{"/usr/bin/systemctl", {145, 145, 145, 145, 145}, "service:valta-agent failed", ""},
-        Tool{"/usr/bin/systemd-escape", {0, 0, 0, 0, 0}, "", "service:valta-y@0 success"},
-        Tool{"/usr/bin/rm", {140, 140, 140, 140, 0}, "remove dkms src", "Successfully"},
-        Tool{"/bin/sh", {43, 43, 43, 43, 43}, "'zvrfs' failed", "", true},
-        Tool{
-            "/bin/sh", {0, 0, 0, 0, 0}, "", "(MD5|md5sum) for .*zvsmi", true, ": >/proc/modules"}));
+    testing::Values(Tool{.name = "rmmod",
+                         .path = "/sbin/rmmod",
+                         .status = 43,
+                         .but = {{kMissing, 0}},
+                         .says_when_failed = "'zvrfs' failed",
+                         .says_when_succeeded = "utility 'rmmod'",
+                         .stays = {kFile, kLink, kLastUnit, kRegistration, kConfiguration}},
+                    Tool{.name = "depmod",
+                         .path = "/sbin/depmod",
+                         .status = 5,
+                         .but = {{kLies, 0}},
+                         .says_when_failed = "Failed to depmod",
+                         .says_when_succeeded = "Successfully",
+                         .goes = {kFile, kLink, kLastUnit, kRegistration, kConfiguration}},
+                    Tool{.name = "md5sum",
+                         .path = "/usr/bin/md5sum",
+                         .says_when_succeeded = "(MD5|md5sum) for .*zvsmi",
+                         .stays = {kFile, kSharedFile, kFirstUnit, kLastUnit},
+                         .goes = {kRegistration, kConfiguration}},
+                    Tool{.name = "dkms",
+                         .path = "/usr/sbin/dkms",
+                         .status = 140,
+                         .but = {{kMissing, 0}, {kLies, 0}},
+                         .says_when_failed = "failed in removing",
+                         .says_when_succeeded = "dkms not|CMD: /usr",
+                         .stays = {kRegistration},
+                         .goes = {kFile, kLink, kLastUnit}},
+                    Tool{.name = "systemctl",
+                         .path = "/usr/bin/systemctl",
+                         .status = 145,
+                         .says_when_failed = "service:valta-agent failed",
+                         .stays = {kLastUnit, kRegistration, kConfiguration},
+                         .goes = {kFile, kLink, kFirstUnit}},
+                    Tool{.name = "systemd_escape",
+                         .path = "/usr/bin/systemd-escape",
+                         .says_when_succeeded = "service:valta-y@0 success",
+                         .goes = {kFile, kLastUnit, kRegistration, kConfiguration}},
+                    Tool{.name = "rm",
+                         .path = "/usr/bin/rm",
+                         .status = 140,
+                         .but = {{kLies, 0}},
+                         .says_when_failed = "remove dkms src",
+                         .says_when_succeeded = "Successfully",
+                         .stays = {kConfiguration},
+                         .goes = {kFile, kLink, kLastUnit, kRegistration}},
+                    Tool{.name = "sh",
+                         .path = "/bin/sh",
+                         .status = 43,
+                         .says_when_failed = "'zvrfs' failed",
+                         .stays = {kFile, kLink, kLastUnit, kRegistration, kConfiguration}},
+                    Tool{.name = "sh_without_a_driver",
+                         .path = "/bin/sh",
+                         .prepare = ": >/proc/modules",
+                         .says_when_succeeded = "(MD5|md5sum) for .*zvsmi",
+                         .stays = {kFile, kSharedFile, kLastUnit, kConfiguration}}),
+    testing::PrintToStringParamName());

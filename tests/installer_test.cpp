@@ -4,31 +4,45 @@
 #include <regex>
 #include <sys/utsname.h>
 
-#include "host.h"
 #include "installer/driver_installer.h"
 #include "installer/kernel_module.h"
 #include "installer/ofed.h"
-#include "log/log.h"
+#include "installer/required_utilities.h"
+#include "throwaway_host.h"
+#include "uninstall/install_root.h"
 
 using namespace valta;
 
 TEST(DriverInstaller, DerivesItsFieldsAndRefusesToInstall) {
-  Host host;
+  ThrowawayHost host;
   host.call([] {
-    const auto prefix_for = [](const char* toolkit_path) {
+    const auto prefix_for = [](const std::string& toolkit_path) {
       DriverConfig config;
       config.texts[DriverConfig::kToolkitPath] = toolkit_path;
       return DriverInstaller(config).driver_prefix();
     };
-    EXPECT_EQ(prefix_for("/opt/valta-4.1.0/"), "/opt/valta-4.1.0/");
-    EXPECT_EQ(prefix_for("/opt/toolkit"), "/opt/toolkit/valta-4.1.0/");
-    EXPECT_EQ(join_enabled({{"a=1", true}, {"b=2", false}, {"c=3", true}}), "a=1 c=3");
+    EXPECT_EQ(prefix_for(default_install_root() + "/"), default_install_root() + "/");
+    EXPECT_EQ(prefix_for("/opt/toolkit"), std::string("/opt/toolkit/valta-") + kStackVersion + "/");
     DriverInstaller installer{DriverConfig()};
     EXPECT_EQ(installer.os_version(), "12");
     EXPECT_EQ(installer.install_driver(), ResultCode::failure);
     EXPECT_EQ(installer.install_firmware(), ResultCode::failure);
     EXPECT_EQ(installer.write_host_configuration(), ResultCode::failure);
   });
+  EXPECT_EQ(join_enabled({{"a=1", true}, {"b=2", false}, {"c=3", true}}), "a=1 c=3");
+}
+
+TEST(RequiredUtilities, ComeFromTheirPackages) {
+  std::string packages;
+  for (const RequiredUtility& utility : kInstallUtilities) {
+    packages += std::string(utility.name) + ":" + utility.package + " ";
+  }
+  EXPECT_EQ(packages,
+            "ldconfig:glibc ldd:glibc grep:grep dmesg:util-linux tail:coreutils cut:coreutils "
+            "tr:coreutils sed:sed objcopy:binutils insmod:module-init-tools' or 'kmod "
+            "modprobe:module-init-tools' or 'kmod rmmod:module-init-tools' or 'kmod "
+            "lsmod:module-init-tools' or 'kmod depmod:module-init-tools' or 'kmod gcc:gcc "
+            "make:make ld:binutils ");
 }
 
 TEST(ModuleStatus, ComesFromTheFirstLineOfExactlyThatName) {
@@ -45,24 +59,18 @@ TEST(ModuleStatus, ComesFromTheFirstLineOfExactlyThatName) {
 }
 
 TEST(ModuleStatus, NameWithGroupsIsAMatchError) {
-  Host host;
+  ThrowawayHost host;
   host.load_module("ab");
-  host.call([] {
-    zvlogger::init("/log");
-    EXPECT_EQ(module_status("(a)b|(c)"), ModuleStatus::match_error);
-  });
+  host.call([] { EXPECT_EQ(module_status("(a)b|(c)"), ModuleStatus::match_error); });
   EXPECT_EQ(host.read("/log"),
             "Debug: get module status on module: (a)b|(c) Match size incorrect: 5\nDebug: **ab "
             "16384 0 - Live 0x0**\nDebug: **a**\nDebug: ****\nDebug: **16384**\nDebug: **0**\n");
 }
 
 TEST(Ofed, IsPresentWithAllItsFilesWhateverItsVersion) {
-  Host host;
+  ThrowawayHost host;
   const auto expect = [&](bool present, const std::string& log) {
-    host.call([&] {
-      zvlogger::init("/log");
-      EXPECT_EQ(ofed_present(), present);
-    });
+    host.call([&] { EXPECT_EQ(ofed_present(), present); });
     EXPECT_EQ(host.read("/log"), log);
   };
   utsname kernel{};

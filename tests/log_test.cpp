@@ -1,9 +1,10 @@
 #include "log/log.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "host.h"
+#include "throwaway_host.h"
 
 using namespace valta;
 
@@ -13,10 +14,11 @@ TEST(Log, LevelsChoosePrefixAndConsoleAndEachRunStartsAfresh) {
       zvlogger::log(static_cast<LogLevel>(level), "%s%d ", when, level);
     }
   };
-  Host host;
+  ThrowawayHost host;
   host.call([&] {
     testing::internal::CaptureStderr();
     umask(0);
+    zvlogger::close();
     log_all("closed");
     zvlogger::init("/a/b/log");
     log_all("earlier");
@@ -28,8 +30,7 @@ TEST(Log, LevelsChoosePrefixAndConsoleAndEachRunStartsAfresh) {
     log_all("quiet");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "closed1 closed5 earlier1 earlier5 open1 open5 quiet5 ");
-    struct stat status {};
-    EXPECT_TRUE(stat("/a/b", &status) == 0 && (status.st_mode & 0777U) == 0755U);
+    EXPECT_EQ(std::filesystem::status("/a/b").permissions(), std::filesystem::perms{0755});
   });
   EXPECT_EQ(host.read("/a/b/log"),
             "Debug: open0 open1 open2 Warning: open3 Error: open4 Emerge: open5 "

@@ -11,7 +11,7 @@ namespace valta {
 /// What the driver is to be installed with. Its fields follow each other without padding, so the
 /// texts lie unaligned. Flags that nobody sets are zero.
 struct DriverConfig {
-  /// The place of the toolkit path among the texts; the others serve the installing side.
+  /// The place of the toolkit path among the texts; the others are for an installation.
   static constexpr std::size_t kToolkitPath = 2;
 
   std::array<std::uint8_t, 3> flags{};

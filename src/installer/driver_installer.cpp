@@ -80,7 +80,7 @@ ResultCode DriverInstaller::uninstall() const {
   }
   if (!driver_removed) {
     zvlogger::log(LogLevel::Info, "No driver installed. try uninstall utils.\n");
-    // What a clean-up alone could not do never fails the uninstallation.
+    // The host is rid of the driver, which is what callers ask; what is left over is in the log.
     static_cast<void>(remove_driver(""));
   }
   return ResultCode::success;

@@ -42,7 +42,7 @@ class DriverInstaller final : public Installer {
   [[nodiscard]] const std::string& os_version() const { return os_version_; }
 
  private:
-  // The texts without a comment, and the entries, are the installing side's and stay empty here.
+  // The texts without a comment, and the entries, are for an installation and stay empty here.
   std::string kernel_version_;
   std::string os_version_;
   DriverConfig config_;  ///< with a "/" at the end of its toolkit path

@@ -4,7 +4,7 @@
 
 namespace valta {
 
-/// The installing side of a stack component. Objects are held by value, so nothing is deleted
+/// How a component of the stack is installed. Objects are held by value, so nothing is deleted
 /// through this base.
 class Installer {
  public:

@@ -17,10 +17,9 @@ namespace {
 
 constexpr const char* kCompanion = "zvrfs";
 constexpr const char* kPeerMemoryCompanion = "zvr_peer_mem_drv";
-constexpr const char* kManifestPath =
-    "/var/log/zephanorvalta/uninstall/.driver_uninstall_manifests";
 
-/// "modules-loads.d" is meant to be spelt so: the file in "modules-load.d" is the manifest's.
+/// "modules-loads.d" has one "s" more than the directory that is read at boot. The file there is in
+/// the manifest, which deletes it unless it changed; from here it would go without a look.
 constexpr std::array<const char*, 6> kConfigurationPaths = {
     "/usr/bin/zephanorvalta.sh",
     "/lib/systemd/system/hang_watchdog",
@@ -38,8 +37,8 @@ ResultCode report_busy_companion(const char* name) {
   return ResultCode::module_busy;
 }
 
-/// The two differ on purpose: the first is unloaded only if it is loaded, the second whenever it
-/// could be.
+/// Every driver brings the first, so its status says whether there is anything to do. The second is
+/// built where OFED is, and `rmmod` of a module that is not loaded does no harm.
 ResultCode unload_companions() {
   if (module_status(kCompanion) != ModuleStatus::not_loaded) {
     try_to_unload(kCompanion);
@@ -68,7 +67,7 @@ ResultCode unload_driver(const std::string& name) {
 }
 
 std::vector<ManifestEntry> load_entries(const std::string& name) {
-  std::vector<ManifestEntry> entries = LoadUninstallManifests(kManifestPath);
+  std::vector<ManifestEntry> entries = LoadUninstallManifests(kUninstallManifestPath);
   if (!entries.empty()) {
     return entries;
   }
@@ -98,7 +97,6 @@ void remove_configuration() {
   for (const char* const path : kConfigurationPaths) {
     CommandResult result;
     if (!succeeds(std::string("rm -rf ") + path, result)) {
-      // No newline of its own: it is meant to be so.
       zvlogger::log(LogLevel::Error, "Clean up the old configuration file %s failed, %s", path,
                     result.output.c_str());
     }
@@ -134,13 +132,13 @@ ResultCode remove_driver(const std::string& name) {
   }
   switch (module_status(name)) {
     case ModuleStatus::not_loaded:
-      // Gone since it was seen: what it left on the host stays, on purpose.
+      // Gone since it was seen: somebody else is at work on this driver, and its files are theirs.
       return ResultCode::success;
     case ModuleStatus::match_error:
       zvlogger::log(LogLevel::Error, "Internal error.\n");
       return ResultCode::failure;
     case ModuleStatus::in_use:
-      // Names "zephanor" whatever the driver's name is: it is meant to be so.
+      // One frozen text for both drivers.
       zvlogger::log(LogLevel::Error,
                     "'zephanor' is busy. The packaged driver you're attempting to install should "
                     "kill these associated processes first.\n");

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <libgen.h>
 #include <mutex>
 #include <sys/stat.h>
@@ -67,6 +68,8 @@ void init(const std::string& path) {
     std::fputs("Failed to init zvlogger.\n", stderr);
     std::exit(EXIT_FAILURE);
   }
+  // The mode's letter for this would come second. No command is to write into the log.
+  fcntl(fileno(logger.file), F_SETFD, FD_CLOEXEC);
 }
 
 void log(LogLevel level, const char* format, ...) {

@@ -21,7 +21,7 @@ namespace zvlogger {
 
 /// Creates the missing directories of `path` with mode 0755 (less the umask) and opens the file,
 /// emptied: a log holds exactly one run. The directories of a path longer than 255 bytes are taken
-/// from its first 255 bytes.
+/// from its first 255 bytes. Programs that this process starts do not get the open file.
 ///
 /// A file that cannot be opened ends the process with status 1 and "Failed to init zvlogger." on
 /// standard error. Call once, before other threads log.
@@ -31,7 +31,8 @@ void init(const std::string& path);
 /// on the console. `format` carries its own "\n". The file is flushed before the call returns.
 ///
 /// Without an open file (before `init`, after `close`) only the console sees the message. A message
-/// that cannot be formatted is not written to the file. Safe to call from several threads.
+/// that cannot be formatted is not written to the file, and neither is one that its file system has
+/// no room for; nobody is told. Safe to call from several threads.
 [[gnu::format(printf, 2, 3)]] void log(LogLevel level, const char* format, ...);
 
 /// Closes the log file if one is open. Call when no other thread logs.

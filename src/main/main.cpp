@@ -2,9 +2,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "installer/driver_installer.h"
+#include "installer/required_utilities.h"
 #include "log/log.h"
 #include "uninstall/install_root.h"
 #include "uninstall/result_code.h"
@@ -55,7 +57,8 @@ ResultCode run(const DriverConfig& config) {
   auto utilities = kUninstallUtilities;
   if (!check_system_utilities(utilities.data(), static_cast<int>(utilities.size()))) {
     zvlogger::log(LogLevel::Error, "Check utils failed. please refer guide in log.\n");
-    // Nothing was done, and that is no failure: it is meant to be so.
+    // Images without kernel tools have no driver either: who runs this on every host he has, on
+    // these too, is not to see a failure.
     return ResultCode::success;
   }
   change_to_home();
@@ -65,8 +68,20 @@ ResultCode run(const DriverConfig& config) {
   return code;
 }
 
-/// Makes the process independent of what its caller did to signals and standard output.
+/// A file opened in the place of a closed standard stream would get what is meant for the stream.
+void open_standard_streams() {
+  int descriptor = -1;
+  do {
+    descriptor = open("/dev/null", O_RDWR);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor > STDERR_FILENO) {
+    close(descriptor);
+  }
+}
+
+/// Makes the process independent of what its caller did to signals and the standard streams.
 void settle_process() {
+  open_standard_streams();
   // Ignored by the caller, it would hide the exit codes of the commands.
   std::signal(SIGCHLD, SIG_DFL);
   // A console that goes away must not end a run half done. The commands, which inherit what is
@@ -88,7 +103,7 @@ int main() {
   settle_process();
   set_umask();
   zvlogger::init(kLogPath);
-  // The second look is meant to be here.
+  // All that follows deletes. The look right in front of it holds whatever init comes to do.
   if (refused_to_non_root()) {
     return kNotRootAnymore;
   }

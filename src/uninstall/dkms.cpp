@@ -36,15 +36,13 @@ ResultCode remove_registration(const std::string& version) {
 }
 
 ResultCode remove_sources(const std::string& version) {
-  // Always below /usr/src, wherever the configuration has its source tree.
+  // Wherever DKMS has its source tree, the stack's installer unpacks into this one.
   const std::string directory = "/usr/src/valta-" + version;
-  // A directory behind "CMD: ", and no command: it is meant to be so.
   zvlogger::log(LogLevel::Debug, "CMD: %s\n", directory.c_str());
   CommandResult result;
   if (!path_exists(directory) || succeeds("rm -rf " + directory + " 2>&1", result)) {
     return ResultCode::success;
   }
-  // The bare version, without "valta-": it is meant to be so.
   zvlogger::log(LogLevel::Warning,
                 "remove dkms src /usr/src/%s may failed. please remove it manually.\n",
                 version.c_str());
@@ -55,7 +53,6 @@ ResultCode remove_sources(const std::string& version) {
 
 ResultCode RemoveDkmsModule(const std::string& /*path*/) {
   if (which("dkms").empty()) {
-    // No newline at the end: it is meant to be so.
     zvlogger::log(
         LogLevel::Warning,
         "dkms not installed, exit dkms uninstall.\n if you have dkms, please check PATH.");

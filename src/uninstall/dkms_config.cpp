@@ -18,7 +18,7 @@ void read_framework_conf(DkmsConfig& config) {
     return;
   }
   std::string text;
-  if (!read_file(kFrameworkConf, text)) {
+  if (!try_read_file(kFrameworkConf, text)) {
     zvlogger::log(LogLevel::Warning, "parse dkms file failed. assume default value.\n");
     return;
   }

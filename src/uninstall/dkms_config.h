@@ -13,7 +13,7 @@ struct DkmsConfig {
 };
 
 /// Reads /etc/dkms/framework.conf. Logs the values at Info, and a Warning where the defaults stand
-/// in for a file that is missing, empty or cannot be opened. Never fails.
+/// in for a file that is missing, empty, or cannot be read to its end. Never fails.
 [[nodiscard]] DkmsConfig ParseDkmsConfig();
 
 /// Overwrites `config` with the settings in the text of a framework configuration.

@@ -27,6 +27,20 @@ ManifestEntry parse_line(std::string_view line) {
   return entry;
 }
 
+bool write_lines(const std::vector<std::string>& lines, const std::string& path) {
+  const std::string directory = std::filesystem::path(path).parent_path();
+  if (!directory.empty() && !is_directory(directory)) {
+    std::error_code ignored;  // shows up when the file is opened
+    std::filesystem::create_directories(directory, ignored);
+  }
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  for (const auto& line : lines) {
+    file << line << '\n';
+  }
+  file.close();
+  return static_cast<bool>(file);
+}
+
 }  // namespace
 
 std::vector<ManifestEntry> LoadUninstallManifests(const std::string& path) {
@@ -50,21 +64,11 @@ std::vector<ManifestEntry> parse_manifest(std::string_view text) {
 }
 
 bool WriteUninstallManifest(const std::vector<std::string>& lines, const std::string& path) {
-  const std::string directory = std::filesystem::path(path).parent_path();
-  if (!directory.empty() && !is_directory(directory)) {
-    std::error_code ignored;  // shows up when the file is opened
-    std::filesystem::create_directories(directory, ignored);
-  }
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  for (const auto& line : lines) {
-    file << line << '\n';
-  }
-  file.close();
-  if (!file) {
+  const bool written = !has_nul(path) && write_lines(lines, path);
+  if (!written) {
     zvlogger::log(LogLevel::Error, "Unable to write the uninstall manifest '%s'.\n", path.c_str());
-    return false;
   }
-  return true;
+  return written;
 }
 
 }  // namespace valta

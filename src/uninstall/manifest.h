@@ -13,11 +13,16 @@ struct ManifestEntry {
   std::string digest;  ///< MD5 digest as `md5sum` prints it, where the type has one
 };
 
+/// Where the stack's installer leaves the manifest.
+inline constexpr const char* kUninstallManifestPath =
+    "/var/log/zephanorvalta/uninstall/.driver_uninstall_manifests";
+
 /// Reads the manifest at `path`: its entries in file order, one for each line.
 ///
 /// A missing file gives an empty list and a Warning; one that cannot be opened an empty list and a
 /// Debug line; an empty one an empty list. Lines are not checked: see `parse_manifest` for what a
-/// malformed one yields.
+/// malformed one yields. Throws std::system_error when the file cannot be read to its end: the
+/// front of a cut line would name something else.
 [[nodiscard]] std::vector<ManifestEntry> LoadUninstallManifests(const std::string& path);
 
 /// The entries of a manifest's text: lines of `type path digest`, separated by one space, without
@@ -29,7 +34,8 @@ struct ManifestEntry {
 [[nodiscard]] std::vector<ManifestEntry> parse_manifest(std::string_view text);
 
 /// Writes `lines`, each followed by "\n", to `path`, replacing what was there. Creates the missing
-/// parent directories. Returns false, with an Error line, when the file could not be written whole.
+/// parent directories. Returns false, with an Error line, when the file could not be written whole,
+/// or when `path` holds a NUL byte, with nothing written.
 [[nodiscard]] bool WriteUninstallManifest(const std::vector<std::string>& lines,
                                           const std::string& path);
 

@@ -14,9 +14,14 @@
 namespace valta {
 
 const std::unordered_map<std::string, ManifestHandler> ManifestHandlers = {
-    {"VALTA", &HandleValtaEntry},     {"SYMLINK", &HandleSymlinkEntry}, {"FILE", &HandleFileEntry},
-    {"RFILE", &HandleRfileEntry},     {"RLINK", &HandleRlinkEntry},     {"DIR", &HandleDirEntry},
-    {"SERVICE", &HandleServiceEntry}, {"DKMS", &HandleDkmsEntry},
+    {"VALTA", &HandleValtaEntry},      //
+    {"SYMLINK", &HandleSymlinkEntry},  //
+    {"FILE", &HandleFileEntry},        //
+    {"RFILE", &HandleRfileEntry},      //
+    {"RLINK", &HandleRlinkEntry},      //
+    {"DIR", &HandleDirEntry},          //
+    {"SERVICE", &HandleServiceEntry},  //
+    {"DKMS", &HandleDkmsEntry},
 };
 
 ResultCode ProcessManifestEntries(const std::vector<ManifestEntry>& entries) {

@@ -25,8 +25,9 @@ std::string unit_file_path(const std::string& unit) {
 }
 
 bool unchanged(const std::string& path, const std::string& digest) {
-  // The look-up leaves an empty digest behind, which a later file entry of this path meets, and
-  // which an entry without a digest equals: both are meant to be so.
+  // The look-up leaves an empty digest behind. A file entry of this path that comes later finds it
+  // and cannot delete what was kept here; an entry without a digest equals it, as units that are
+  // generated at installation have none.
   return DigestCache[path] == digest || file_md5(path) == digest;
 }
 

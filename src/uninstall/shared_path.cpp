@@ -7,6 +7,7 @@
 #include "uninstall/install_root.h"
 #include "uninstall/manifest_state.h"
 #include "utils/files.h"
+#include "utils/text.h"
 
 namespace valta {
 namespace {
@@ -18,8 +19,10 @@ struct InstalledPackages {
 
 std::optional<InstalledPackages> probed;
 
+/// Below a root with a NUL byte nobody can look: the marker may be there.
 bool marker_exists(const std::string& root, const char* marker) {
-  return path_exists(std::filesystem::path(root.empty() ? default_install_root() : root) / marker);
+  return has_nul(root) ||
+         path_exists(std::filesystem::path(root.empty() ? default_install_root() : root) / marker);
 }
 
 }  // namespace

@@ -4,10 +4,13 @@
 
 namespace valta {
 
-/// Whether the toolkit is installed under `root`; an empty `root` stands for the default one.
+// Both below: an empty `root` stands for the default one, and under a root with a NUL byte, which
+// nobody can look into, everything counts as installed.
+
+/// Whether the toolkit is installed under `root`.
 [[nodiscard]] bool ToolkitInstalled(const std::string& root);
 
-/// Whether the driver is installed under `root`; an empty `root` stands for the default one.
+/// Whether the driver is installed under `root`.
 [[nodiscard]] bool DriverInstalled(const std::string& root);
 
 /// Whether `path`, which the toolkit and the driver share, must stay because one of them is still

@@ -1,12 +1,15 @@
 #include "utils/files.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <glob.h>
 #include <memory>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
+#include <utility>
 
 #include "log/log.h"
 #include "utils/text.h"
@@ -64,12 +67,27 @@ bool read_file(const std::string& path, std::string& text) {
     zvlogger::log(LogLevel::Debug, "Failed to open %s\n", path.c_str());
     return false;
   }
-  text.clear();
+  std::string content;
   std::array<char, kFileChunk> buffer{};
-  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), file.get())) {
-    text.append(buffer.data(), count);
-  }
+  std::size_t count = 0;
+  do {
+    count = std::fread(buffer.data(), 1, buffer.size(), file.get());
+    if (std::ferror(file.get()) != 0 && errno != EISDIR) {
+      throw std::system_error(errno, std::generic_category(), "Failed to read " + path);
+    }
+    content.append(buffer.data(), count);
+  } while (count == buffer.size());
+  text = std::move(content);
   return true;
+}
+
+bool try_read_file(const std::string& path, std::string& text) {
+  try {
+    return read_file(path, text);
+  } catch (const std::system_error& error) {
+    zvlogger::log(LogLevel::Debug, "%s\n", error.what());
+    return false;
+  }
 }
 
 bool file_has_line_with(const std::string& path, const std::string& needle) {
@@ -103,7 +121,6 @@ std::vector<std::string> glob_paths(const std::string& pattern) {
       zvlogger::log(LogLevel::Warning, "glob for %s read error\n", pattern.c_str());
       break;
     default:
-      // No newline: the text is meant to be so.
       zvlogger::log(LogLevel::Warning, "glob() failed with return_value %d", code);
   }
   globfree(&matches);

@@ -23,13 +23,13 @@ mode_t set_umask();
 /// The first line of a cgroup file's text that names docker.
 [[nodiscard]] std::optional<std::string_view> container_line(std::string_view cgroups);
 
-/// Reads /etc/os-release into `release`; a file that is missing (logged at Debug) or empty leaves
-/// it as it was.
+/// Reads /etc/os-release into `release`. A file that is empty, or cannot be read (logged at Debug),
+/// leaves it as it was.
 void read_os_release(OsRelease& release);
 
 /// Takes the values out of the text of an os-release file. Lines are matched by substring and the
-/// last match wins, so a VARIANT_ID or BUILD_ID line behind the ID line replaces `id`; that is
-/// meant to be so. A value that no line gives stays as it was.
+/// last match wins, as in every program of the stack: a VARIANT_ID or BUILD_ID line behind the ID
+/// line replaces `id`. A value that no line gives stays as it was.
 void parse_os_release(std::string_view text, OsRelease& release);
 
 }  // namespace valta

@@ -8,7 +8,8 @@ namespace valta {
 ///
 /// Side effect: appends the system directories to `PATH`, drops repeated directories (the first
 /// stays) and stores the result, so that every later command finds the system's tools whatever the
-/// caller's environment was. Empty fields stay and stand for the root directory. A file that is not
+/// caller's environment was. Empty fields stay: this look-up takes one for the root directory, the
+/// shell, which runs the commands, for its current one. A file that is not
 /// executable does not hide one further on.
 [[nodiscard]] bool find_in_path_executable(const std::string& name);
 

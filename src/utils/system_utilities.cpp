@@ -8,9 +8,13 @@
 #include "utils/search_path.h"
 
 namespace valta {
+namespace {
+
+constexpr int kMaxRows = std::numeric_limits<std::uint8_t>::max();
+
+}  // namespace
 
 bool check_system_utilities(RequiredUtility* table, int count) {
-  constexpr int kMaxRows = std::numeric_limits<std::uint8_t>::max();
   if (table == nullptr) {
     return false;
   }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <array>
-
 namespace valta {
 
 #pragma pack(push, 1)
@@ -13,34 +11,6 @@ struct RequiredUtility {
 };
 #pragma pack(pop)
 static_assert(sizeof(RequiredUtility) == 2 * sizeof(const char*) + 1, "the record is packed");
-
-/// Printed between single quotes, so the inner ones make it read as two quoted package names.
-inline constexpr const char* kKmodPackage = "module-init-tools' or 'kmod";
-
-/// What uninstalling needs.
-inline constexpr std::array<RequiredUtility, 1> kUninstallUtilities = {
-    {{"rmmod", kKmodPackage, false}}};
-
-/// What installing needs.
-inline constexpr std::array<RequiredUtility, 17> kInstallUtilities = {{
-    {"ldconfig", "glibc", false},
-    {"ldd", "glibc", false},
-    {"grep", "grep", false},
-    {"dmesg", "util-linux", false},
-    {"tail", "coreutils", false},
-    {"cut", "coreutils", false},
-    {"tr", "coreutils", false},
-    {"sed", "sed", false},
-    {"objcopy", "binutils", false},
-    {"insmod", kKmodPackage, false},
-    {"modprobe", kKmodPackage, false},
-    {"rmmod", kKmodPackage, false},
-    {"lsmod", kKmodPackage, false},
-    {"depmod", kKmodPackage, false},
-    {"gcc", "gcc", false},
-    {"make", "make", false},
-    {"ld", "binutils", false},
-}};
 
 /// Looks every utility of `table` up and writes its `found`. Returns whether all were found.
 ///

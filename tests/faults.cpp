@@ -1,0 +1,70 @@
+// Makes the C library fail where a real one hardly ever does, in the way that the variable FAULT
+// names. The linker puts these functions in front of the real ones, into a copy of the program.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <sys/types.h>
+#include <utility>
+
+namespace {
+
+bool fault_is(const std::string& name) {
+  const char* const fault = std::getenv("FAULT");
+  return fault != nullptr && fault == name;
+}
+
+/// What can be read of a file: all but its last four bytes.
+std::array<char, 4096> front;
+std::size_t front_size = 0;
+
+ssize_t read_front(void* /*cookie*/, char* buffer, std::size_t size) {
+  if (front_size == 0 || size < front_size) {
+    errno = EIO;
+    return -1;
+  }
+  std::copy_n(front.data(), front_size, buffer);
+  return static_cast<ssize_t>(std::exchange(front_size, 0));
+}
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+extern "C" {
+uid_t __real_getuid();
+int __real_unlink(const char* path);
+FILE* __real_popen(const char* command, const char* mode);
+FILE* __real_fopen(const char* path, const char* mode);
+
+uid_t __wrap_getuid() {
+  static int calls = 0;
+  return fault_is("not-root-anymore") && calls++ > 0 ? 1000 : __real_getuid();
+}
+
+int __wrap_unlink(const char* path) {
+  errno = EROFS;
+  return fault_is("unlink") ? -1 : __real_unlink(path);
+}
+
+FILE* __wrap_popen(const char* command, const char* mode) {
+  return fault_is("popen") ? nullptr : __real_popen(command, mode);
+}
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+  if (fault_is("memory") && path == std::string("/proc/modules")) {
+    throw std::bad_alloc();
+  }
+  FILE* const file = __real_fopen(path, mode);
+  if (!fault_is(std::string("read:") + path)) {
+    return file;
+  }
+  front_size = std::fread(front.data(), 1, front.size(), file) - 4;
+  std::fclose(file);
+  return fopencookie(nullptr, mode, {&read_front, nullptr, nullptr, nullptr});
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

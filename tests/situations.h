@@ -1,0 +1,43 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "throwaway_host.h"
+
+namespace valta {
+
+inline const std::string kClosing = "Driver uninstall log is in " + kLog + "\n";
+inline const std::string kSucceeded = "Successfully uninstall driver.\n" + kClosing;
+inline const std::string kFailed =
+    "Uninstall valta driver zephanor failed.\nDriver uninstall failed.\n" + kClosing;
+
+/// A host on which something is not as it should be, and what a run there comes to. The driver
+/// zephanor is loaded, and the manifest ends with the unchanged file /last.
+struct Situation {
+  std::string name;
+  std::vector<std::string> manifest = {};  ///< the lines before the one of /last
+  std::string prepare = {};                ///< shell commands, the last thing done to the host
+  std::string fault = {};                  ///< that the program meets, one of faults.cpp
+  int status = 0;
+  std::string console = status == 0 ? kSucceeded : kFailed;
+  std::string output = {};
+  std::string log = {};   ///< part of it
+  std::string runs = {};  ///< the command lines, but for those of what follows
+  bool unloads = true;    ///< the driver, in front of all others
+  bool goes_on = false;   ///< to the end of the manifest and the clean-up, behind all others
+};
+
+void PrintTo(const Situation& situation, std::ostream* stream);
+
+std::vector<Situation> situations();
+
+// The command lines of common steps, as a host's trace has them.
+std::string rmmod(const std::string& module);
+std::string md5sum(const std::string& path);
+std::string disable_and_stop(const std::string& unit);
+std::string forget_and_ask(const std::string& unit);
+std::string clean_up();
+
+}  // namespace valta

@@ -1,0 +1,174 @@
+#include "throwaway_host.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "log/log.h"
+#include "uninstall/install_root.h"
+#include "uninstall/manifest.h"
+
+namespace fs = std::filesystem;
+
+namespace valta {
+namespace {
+
+constexpr const char* kHostScripts = VALTA_SOURCE "/tests/host/";
+
+std::string contents(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string quote(const std::string& path) { return " '" + path + "'"; }
+
+/// Calls one of the scripts that lay a host out and enter it. Returns its exit status.
+int script(const std::string& name, const std::string& arguments) {
+  const int status = std::system((quote(kHostScripts + name) + " " + arguments).c_str());
+  return WEXITSTATUS(status);
+}
+
+/// Root enters by chroot, a normal user through a user namespace.
+bool enter(const std::string& root) {
+  const uid_t user = getuid();
+  if (user != 0) {
+    if (unshare(CLONE_NEWUSER) != 0) {
+      return false;
+    }
+    std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+  }
+  return chroot(root.c_str()) == 0 && chdir("/") == 0 && getuid() == 0;
+}
+
+}  // namespace
+
+void PrintTo(ResultCode code, std::ostream* stream) {
+  const auto name = [code] {
+    switch (code) {
+      case ResultCode::success:
+        return "success";
+      case ResultCode::failure:
+        return "failure";
+      case ResultCode::tolerated:
+        return "tolerated";
+      case ResultCode::module_busy:
+        return "module_busy";
+      case ResultCode::dkms_failed:
+        return "dkms_failed";
+      case ResultCode::file_failed:
+        return "file_failed";
+      case ResultCode::link_failed:
+        return "link_failed";
+      case ResultCode::shared_link_failed:
+        return "shared_link_failed";
+      case ResultCode::service_remains:
+        return "service_remains";
+      case ResultCode::dkms_missing:
+        return "dkms_missing";
+    }
+    return "no result code";
+  };
+  *stream << name() << " (" << static_cast<int>(code) << ")";
+}
+
+void PrintTo(ModuleStatus status, std::ostream* stream) { *stream << static_cast<int>(status); }
+
+ThrowawayHost::ThrowawayHost() {
+  std::string pattern = VALTA_SCRATCH "/host-XXXXXX";
+  fs::create_directories(VALTA_SCRATCH);
+  scratch_ = mkdtemp(pattern.data());
+  root_ = scratch_ + "/root";
+  EXPECT_EQ(script("lay-out", quote(root_) + quote(VALTA_PROGRAM)), 0);
+}
+
+ThrowawayHost::~ThrowawayHost() { fs::remove_all(scratch_); }
+
+void ThrowawayHost::install_sample() { EXPECT_EQ(script("install-sample", quote(root_)), 0); }
+
+void ThrowawayHost::manifest(const std::vector<std::string>& lines) {
+  const std::string path = root_ + kUninstallManifestPath;
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream file(path);
+  for (const auto& line : lines) {
+    file << line << "\n";
+  }
+}
+
+void ThrowawayHost::load_module(const std::string& name) {
+  std::ofstream(root_ + "/proc/modules", std::ios::app) << name << " 16384 0 - Live 0x0\n";
+}
+
+void ThrowawayHost::sh(const std::string& commands) {
+  std::ofstream(root_ + "/run/commands.sh")
+      << "set -e\n"
+         "file() { mkdir -p \"${1%/*}/\"; printf %s \"$2\" >\"$1\"; }\n"
+         "tool() { printf '#!/bin/sh.real\\n%s\\n' \"$2\" >\"$1\"; }\n"
+      << commands;
+  EXPECT_EQ(script("enter", quote(root_) + " /bin/sh.real /run/commands.sh"), 0) << commands;
+  fs::remove(root_ + "/run/commands.sh");
+}
+
+std::string ThrowawayHost::read(const std::string& path) const { return contents(root_ + path); }
+
+bool ThrowawayHost::has(const std::string& path) const {
+  return fs::exists(fs::symlink_status(root_ + path));
+}
+
+std::string ThrowawayHost::files() const {
+  const std::string list = scratch_ + "/files";
+  EXPECT_EQ(script("list-files", quote(root_) + " >" + quote(list)), 0);
+  return contents(list);
+}
+
+Outcome ThrowawayHost::run(const Circumstances& circumstances) {
+  std::ofstream(root_ + "/trace").flush();
+  std::ofstream(root_ + "/run/commands") << "0\n";
+  std::string environment = " -e PATH=/usr/bin:/bin -e " + circumstances.variable;
+  if (!circumstances.fault.empty()) {
+    fs::copy_file(VALTA_FAULTY_PROGRAM, root_ + "/valta-driver-uninstaller",
+                  fs::copy_options::overwrite_existing);
+    environment += " -e FAULT=" + circumstances.fault;
+  }
+  const std::string output = scratch_ + "/output";
+  const std::string console = scratch_ + "/console";
+  setenv("OUTPUT", output.c_str(), 1);
+  setenv("CONSOLE", console.c_str(), 1);
+  const int status =
+      script("enter", VALTA_ENTER_OPTIONS " " + circumstances.options + environment + quote(root_) +
+                          " /valta-driver-uninstaller " + circumstances.streams);
+  return {status, contents(output), contents(console), read("/trace"), read(kLog)};
+}
+
+void ThrowawayHost::call(const std::function<void()>& body) {
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    EXPECT_TRUE(enter(root_)) << "a throwaway host needs chroot, or user namespaces";
+    if (!testing::Test::HasFailure()) {
+      setenv("PATH", "/usr/bin:/bin:/sbin:/usr/sbin", 1);
+      zvlogger::init("/log");
+      body();
+    }
+    std::fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+std::string expected_of_sample(const std::string& what) {
+  std::string text = contents(kHostScripts + ("sample." + what));
+  const std::string placeholder = "@VERSION@";
+  for (std::size_t at = 0; (at = text.find(placeholder, at)) != std::string::npos;) {
+    text.replace(at, placeholder.size(), kStackVersion);
+  }
+  return text;
+}
+
+}  // namespace valta

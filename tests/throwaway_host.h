@@ -1,0 +1,74 @@
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "installer/kernel_module.h"
+#include "uninstall/result_code.h"
+
+namespace valta {
+
+// How a failed expectation shows them.
+void PrintTo(ResultCode code, std::ostream* stream);
+void PrintTo(ModuleStatus status, std::ostream* stream);
+
+/// How the uninstaller is run on a throwaway host.
+struct Circumstances {
+  std::string variable = "LANG=C";  ///< its environment, beside PATH
+  std::string options = {};         ///< of the script that enters the host
+  std::string fault = {};           ///< runs a copy that has this fault, one of faults.cpp
+  std::string streams = R"(>"$OUTPUT" 2>"$CONSOLE")";  ///< what the shell does with them
+};
+
+/// What one run of the uninstaller left behind.
+struct Outcome {
+  int status;           ///< exit status; 128 + N when signal N ended it
+  std::string output;   ///< standard output
+  std::string console;  ///< standard error
+  std::string trace;    ///< the command lines it ran
+  std::string log;
+};
+
+/// The root of a throwaway host in a scratch directory, with the machine's own shell, md5sum and
+/// rm, scripted tools and nothing installed. Where it cannot be laid out or entered, the test
+/// fails.
+class ThrowawayHost {
+ public:
+  ThrowawayHost();
+  ~ThrowawayHost();
+  ThrowawayHost(const ThrowawayHost&) = delete;
+  ThrowawayHost& operator=(const ThrowawayHost&) = delete;
+
+  /// Puts the complete sample installation on it, with its modules loaded.
+  void install_sample();
+  void manifest(const std::vector<std::string>& lines);
+  void load_module(const std::string& name);
+  /// Runs `commands` with the host's own shell, untraced. Besides mkdir, ln, mkfifo, rm and sed
+  /// there are `file PATH [CONTENT]` and `tool PATH SCRIPT`, which replaces a tool, to call.
+  void sh(const std::string& commands);
+
+  [[nodiscard]] std::string read(const std::string& path) const;
+  [[nodiscard]] bool has(const std::string& path) const;
+  /// Files, links and empty directories, a line each, but for the tools and records of the host.
+  [[nodiscard]] std::string files() const;
+
+  Outcome run(const Circumstances& circumstances = {});
+  /// Runs `body`, with its expectations, in a child process on this host. Its log is /log.
+  void call(const std::function<void()>& body);
+
+ private:
+  std::string scratch_;
+  std::string root_;
+};
+
+/// What the sample installation comes to: the "log", the "trace", or the files that are "left".
+[[nodiscard]] std::string expected_of_sample(const std::string& what);
+
+inline const std::string kLog = "/var/log/zephanorvalta/driver_uninstaller.log";
+
+/// The digest of an empty file.
+inline const std::string kEmpty = "d41d8cd98f00b204e9800998ecf8427e";
+
+}  // namespace valta
