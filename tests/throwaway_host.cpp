@@ -107,9 +107,9 @@ void ThrowawayHost::sh(const std::string& commands) {
   std::ofstream(root_ + "/run/commands.sh")
       << "set -e\n"
          "file() { mkdir -p \"${1%/*}/\"; printf %s \"$2\" >\"$1\"; }\n"
-         "tool() { printf '#!/bin/sh.real\\n%s\\n' \"$2\" >\"$1\"; }\n"
+         "tool() { printf '#!/bin/real/sh\\n%s\\n' \"$2\" >\"$1\"; }\n"
       << commands;
-  EXPECT_EQ(script("enter", quote(root_) + " /bin/sh.real /run/commands.sh"), 0) << commands;
+  EXPECT_EQ(script("enter", quote(root_) + " /bin/real/sh /run/commands.sh"), 0) << commands;
   fs::remove(root_ + "/run/commands.sh");
 }
 

@@ -4,6 +4,9 @@
 #include <exception>
 #include <fcntl.h>
 #include <unistd.h>
+#ifdef VALTA_STATIC
+#include <nss.h>
+#endif
 
 #include "installer/driver_installer.h"
 #include "installer/required_utilities.h"
@@ -82,6 +85,11 @@ void open_standard_streams() {
 /// Makes the process independent of what its caller did to signals and the standard streams.
 void settle_process() {
   open_standard_streams();
+#ifdef VALTA_STATIC
+  // A host's name service belongs to its own C library and would crash a static program: the "~user"
+  // of a DKMS tree is looked up in /etc/passwd alone.
+  __nss_configure_lookup("passwd", "files");
+#endif
   // Ignored by the caller, it would hide the exit codes of the commands.
   std::signal(SIGCHLD, SIG_DFL);
   // A console that goes away must not end a run half done. The commands, which inherit what is
