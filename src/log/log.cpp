@@ -27,7 +27,7 @@ struct Logger {
 Logger logger;
 
 bool is_directory(const char* path) {
-  struct stat status {};
+  struct stat status = {};
   return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 

@@ -86,8 +86,8 @@ void open_standard_streams() {
 void settle_process() {
   open_standard_streams();
 #ifdef VALTA_STATIC
-  // A host's name service belongs to its own C library and would crash a static program: the "~user"
-  // of a DKMS tree is looked up in /etc/passwd alone.
+  // A host's name service belongs to its own C library and would crash a static program: the
+  // "~user" of a DKMS tree is looked up in /etc/passwd alone.
   __nss_configure_lookup("passwd", "files");
 #endif
   // Ignored by the caller, it would hide the exit codes of the commands.

@@ -37,12 +37,12 @@ bool path_exists(const std::string& path) { return accessible(path, F_OK); }
 bool is_executable(const std::string& path) { return accessible(path, X_OK); }
 
 bool is_directory(const std::string& path) {
-  struct stat status {};
+  struct stat status = {};
   return !has_nul(path) && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 bool is_symlink(const std::string& path) {
-  struct stat status {};
+  struct stat status = {};
   return !has_nul(path) && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
