@@ -55,7 +55,7 @@ void load_manifest(const std::string& text) {
   CHECK(entries.size() == count_lines(text));
   FieldReader lines(text, '\n');
   for (const auto& entry : entries) {
-    const std::string_view line = lines.next().value();
+    const std::string_view line = lines.next().value_or("");
     CHECK(line.starts_with(entry.type));
     for (const std::string& field : {entry.type, entry.path, entry.digest}) {
       CHECK(is_within(field, line) && field.find(' ') == std::string::npos);

@@ -50,13 +50,13 @@ const std::vector<std::string> kWaysToBreak = {kMissing, "exit 1", "kill -KILL $
 struct Tool {
   std::string name;
   std::string path;
-  std::string prepare = {};              ///< shell commands
-  int status = 0;                        ///< of a run with the broken tool
-  std::map<std::string, int> but = {};   ///< in these ways of breaking it
-  std::string says_when_failed = {};     ///< regular expression for the log
-  std::string says_when_succeeded = {};  ///< the same
-  std::vector<std::string> stays = {};   ///< whatever the way
-  std::vector<std::string> goes = {};    ///< the same
+  std::string prepare;              ///< shell commands
+  int status = 0;                   ///< of a run with the broken tool
+  std::map<std::string, int> but;   ///< in these ways of breaking it
+  std::string says_when_failed;     ///< regular expression for the log
+  std::string says_when_succeeded;  ///< the same
+  std::vector<std::string> stays;   ///< whatever the way
+  std::vector<std::string> goes;    ///< the same
 };
 
 void PrintTo(const Tool& tool, std::ostream* stream) { *stream << tool.name; }

@@ -17,16 +17,16 @@ inline const std::string kFailed =
 /// zephanor is loaded, and the manifest ends with the unchanged file /last.
 struct Situation {
   std::string name;
-  std::vector<std::string> manifest = {};  ///< the lines before the one of /last
-  std::string prepare = {};                ///< shell commands, the last thing done to the host
-  std::string fault = {};                  ///< that the program meets, one of faults.cpp
+  std::vector<std::string> manifest;  ///< the lines before the one of /last
+  std::string prepare;                ///< shell commands, the last thing done to the host
+  std::string fault;                  ///< that the program meets, one of faults.cpp
   int status = 0;
   std::string console = status == 0 ? kSucceeded : kFailed;
-  std::string output = {};
-  std::string log = {};   ///< part of it
-  std::string runs = {};  ///< the command lines, but for those of what follows
-  bool unloads = true;    ///< the driver, in front of all others
-  bool goes_on = false;   ///< to the end of the manifest and the clean-up, behind all others
+  std::string output;
+  std::string log;       ///< part of it
+  std::string runs;      ///< the command lines, but for those of what follows
+  bool unloads = true;   ///< the driver, in front of all others
+  bool goes_on = false;  ///< to the end of the manifest and the clean-up, behind all others
 };
 
 void PrintTo(const Situation& situation, std::ostream* stream);

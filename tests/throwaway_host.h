@@ -17,8 +17,8 @@ void PrintTo(ModuleStatus status, std::ostream* stream);
 /// How the uninstaller is run on a throwaway host.
 struct Circumstances {
   std::string variable = "LANG=C";  ///< its environment, beside PATH
-  std::string options = {};         ///< of the script that enters the host
-  std::string fault = {};           ///< runs a copy that has this fault, one of faults.cpp
+  std::string options;              ///< of the script that enters the host
+  std::string fault;                ///< runs a copy that has this fault, one of faults.cpp
   std::string streams = R"(>"$OUTPUT" 2>"$CONSOLE")";  ///< what the shell does with them
 };
 

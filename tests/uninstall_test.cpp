@@ -16,17 +16,21 @@
 using namespace valta;
 using testing::HasSubstr;
 
-static ResultCode process(const std::string& manifest) {
+namespace {
+
+ResultCode process(const std::string& manifest) {
   return ProcessManifestEntries(parse_manifest(manifest));
 }
 
-static std::string show(const std::vector<ManifestEntry>& entries) {
+std::string show(const std::vector<ManifestEntry>& entries) {
   std::string text;
   for (const auto& entry : entries) {
     text += "(" + entry.type + "," + entry.path + "," + entry.digest + ")";
   }
   return text;
 }
+
+}  // namespace
 
 TEST(Manifest, ShortAndMalformedLinesFillTheirFields) {
   EXPECT_EQ(show(parse_manifest("F /a 01 more\nD /b \nF  /a b\n\nT\nF /c 01\r\nD /d  \nV /v")),

@@ -69,14 +69,16 @@ bool read_file(const std::string& path, std::string& text) {
   }
   std::string content;
   std::array<char, kFileChunk> buffer{};
-  std::size_t count = 0;
-  do {
-    count = std::fread(buffer.data(), 1, buffer.size(), file.get());
-    if (std::ferror(file.get()) != 0 && errno != EISDIR) {
+  while (std::feof(file.get()) == 0) {
+    const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), file.get());
+    if (std::ferror(file.get()) != 0) {
+      if (errno == EISDIR) {
+        break;
+      }
       throw std::system_error(errno, std::generic_category(), "Failed to read " + path);
     }
     content.append(buffer.data(), count);
-  } while (count == buffer.size());
+  }
   text = std::move(content);
   return true;
 }
