@@ -25,6 +25,15 @@ std::string dkms_remove(const std::string& version) {
 
 void PrintTo(const Situation& situation, std::ostream* stream) { *stream << situation.name; }
 
+void meet(const Situation& situation, ThrowawayHost& host) {
+  host.load_module("zephanor");
+  host.sh("file /last; file " + kLog);
+  std::vector<std::string> lines = situation.manifest;
+  lines.push_back("FILE /last " + kEmpty);
+  host.manifest(lines);
+  host.sh(situation.prepare);
+}
+
 std::string rmmod(const std::string& module) { return "rmmod " + module + " 2>&1\n"; }
 
 std::string md5sum(const std::string& path) { return "md5sum '" + path + "' 2>&1 2>&1\n"; }
@@ -50,17 +59,23 @@ std::vector<Situation> situations() {
        .status = 43,
        .console = "Uninstall valta driver kq_driver failed.\nDriver uninstall failed.\n" + kClosing,
        .log = "Error: 'zephanor' is busy." + kBusyEnd,
+       .outcome = "busy",
+       .finding = "module-held",
        .unloads = false},
       {.name = "CompanionIsBusy",
        .prepare = "echo 'zvrfs 1 1 -' >>/proc/modules",
        .status = 43,
        .log = "Error: Remove 'zvrfs' failed and it's maybe busy." + kBusyEnd,
+       .outcome = "busy",
+       .finding = "module-held",
        .runs = "rmmod zvrfs 2>/dev/null\n",
        .unloads = false},
       {.name = "PeerMemoryIsBusy",
        .prepare = kOfed + "echo 'zvr_peer_mem_drv 1 1 -' >>/proc/modules",
        .status = 43,
        .log = "Error: Remove 'zvr_peer_mem_drv' failed and it's maybe busy." + kBusyEnd,
+       .outcome = "busy",
+       .finding = "module-held",
        .runs = "rmmod zvr_peer_mem_drv 2>/dev/null\n",
        .unloads = false},
       {.name = "RmmodFails",
@@ -77,11 +92,13 @@ std::vector<Situation> situations() {
       {.name = "NoDriverAndDepmodFails",
        .prepare = ": >/proc/modules; tool /sbin/depmod 'echo broken; exit 1'",
        .log = "Error: Failed to depmod, modprobe/modinfo might cant find :\nbroken\n\nSuccessfully",
+       .outcome = "failed",
        .unloads = false,
        .goes_on = true},
       {.name = "ConfigurationIsStuck",
        .prepare = "tool /usr/bin/rm '[ $2 != /etc/zephanor ] || { printf held; exit 1; }'",
        .log = "Error: Clean up the old configuration file /etc/zephanor failed, heldSuccessfully",
+       .outcome = "failed",
        .goes_on = true},
       {.name = "RmmodIsMissing",
        .prepare = "rm /sbin/rmmod",
@@ -90,11 +107,14 @@ std::vector<Situation> situations() {
               "package 'module-init-tools' or 'kmod' installed.  If you do have "
               "'module-init-tools' or 'kmod' installed, then please check that 'rmmod' is in your "
               "PATH.\nError: Check utils failed. please refer guide in log.\n",
+       .outcome = "nothing-done",
+       .finding = "tool-missing",
        .unloads = false},
       {.name = "LogCannotBeOpened",
        .prepare = "rm " + kLog + "; ln -s /missing/log " + kLog,
        .status = 1,
        .console = "Failed to init zvlogger.\n",
+       .outcome = "nothing-done",
        .unloads = false},
       {.name = "NotRootAnymore",
        .fault = "not-root-anymore",
@@ -144,6 +164,7 @@ std::vector<Situation> situations() {
        .status = 5,
        .output = "Uninstall: type:file's handler is not found.\n",
        .log = kStopped,
+       .finding = "manifest-line",
        .runs = md5sum("/dev/null")},
       {.name = "DirectoryIsALinkLoop",
        .manifest = {"DIR /loop "},
@@ -178,6 +199,8 @@ std::vector<Situation> situations() {
        .manifest = {{"VALTA /v\0 x", 11}, "SYMLINK /v/lib "},
        .prepare = "mkdir /v; ln -s /missing /v/lib",
        .log = "Uninstall: Toolkit not uninstalled. Skipping remove /v/lib.\n",
+       .outcome = "shared",
+       .finding = "shared-kept",
        .goes_on = true},
       {.name = "UnitIsChanged",
        .manifest = {"SERVICE a@b " + kEmpty},
@@ -186,6 +209,8 @@ std::vector<Situation> situations() {
                   "content.\n" +
                   kSucceeded,
        .log = "content.\nUninstall: /last",
+       .outcome = "kept",
+       .finding = "unit-changed",
        .runs = disable_and_stop("a@b") + md5sum("/lib/systemd/system/a@.service"),
        .goes_on = true},
       {.name = "UnitIsMasked",
@@ -196,6 +221,7 @@ std::vector<Situation> situations() {
               "\nUninstall: service:u failed.\n"
               "Warning:     service u may not being removed properly.\n" +
               kStopped,
+       .finding = "unit-copied",
        .runs = disable_and_stop("u") + forget_and_ask("u")},
       {.name = "UnitCannotBeDeleted",
        .manifest = {"SERVICE u digest"},
@@ -220,6 +246,7 @@ std::vector<Situation> situations() {
               "install_tree /lib/modules\nchecking /var/lib/dkms/valta/1\n"
               "Debug: CMD: dkms remove valta/1 --all 2>&1\n" +
               kStopped,
+       .finding = "dkms-registered",
        .runs = dkms_remove("1")},
       {.name = "DkmsSourcesStay",
        .manifest = {"DKMS latest"},
@@ -229,6 +256,7 @@ std::vector<Situation> situations() {
        .log = "Debug: CMD: /usr/src/valta-1\n"
               "Warning: remove dkms src /usr/src/1 may failed. please remove it manually.\n" +
               kStopped,
+       .finding = "dkms-sources",
        .runs = dkms_remove("1") + "rm -rf /usr/src/valta-1 2>&1 2>&1\n"},
       {.name = "DkmsTreeCannotBeRead",
        .manifest = {"DKMS latest"},

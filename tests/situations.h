@@ -23,7 +23,9 @@ struct Situation {
   int status = 0;
   std::string console = status == 0 ? kSucceeded : kFailed;
   std::string output;
-  std::string log;       ///< part of it
+  std::string log;                                        ///< part of it
+  std::string outcome = status == 0 ? "done" : "failed";  ///< as it is judged
+  std::string finding;                                    ///< one that is told before the run
   std::string runs;      ///< the command lines, but for those of what follows
   bool unloads = true;   ///< the driver, in front of all others
   bool goes_on = false;  ///< to the end of the manifest and the clean-up, behind all others
@@ -32,6 +34,9 @@ struct Situation {
 void PrintTo(const Situation& situation, std::ostream* stream);
 
 std::vector<Situation> situations();
+
+/// Makes `host` what `situation` says.
+void meet(const Situation& situation, ThrowawayHost& host);
 
 // The command lines of common steps, as a host's trace has them.
 std::string rmmod(const std::string& module);

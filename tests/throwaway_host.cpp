@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <sched.h>
+#include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +20,7 @@ namespace fs = std::filesystem;
 namespace valta {
 namespace {
 
+constexpr const char* kInspect = "/valta-driver-inspect";
 constexpr const char* kHostScripts = VALTA_SOURCE "/tests/host/";
 
 std::string contents(const std::string& path) {
@@ -125,13 +128,67 @@ std::string ThrowawayHost::files() const {
   return contents(list);
 }
 
+std::map<std::string, std::string> ThrowawayHost::listing() const {
+  std::map<std::string, std::string> lines;
+  for (const auto& entry : fs::recursive_directory_iterator(root_)) {
+    lines[entry.path()];  // moves the access times of the directories, so they are taken later
+  }
+  lines.clear();
+  for (const auto& entry : fs::recursive_directory_iterator(root_)) {
+    const std::string path = entry.path().string().substr(root_.size());
+    struct stat status {};
+    lstat(entry.path().c_str(), &status);
+    std::ostringstream line;
+    line << status.st_ino << " mode " << std::oct << status.st_mode << std::dec << " owners "
+         << status.st_uid << ":" << status.st_gid << " size " << status.st_size << " modified "
+         << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec << " changed "
+         << status.st_ctim.tv_sec << "." << status.st_ctim.tv_nsec;
+    if (!path.starts_with("/lib") && path != kInspect) {
+      line << " accessed " << status.st_atim.tv_sec << "." << status.st_atim.tv_nsec;
+    }
+    lines[path] = line.str();
+  }
+  return lines;
+}
+
+void ThrowawayHost::put_faulty_programs() {
+  const auto options = fs::copy_options::overwrite_existing;
+  fs::copy_file(VALTA_FAULTY_PROGRAM, root_ + "/valta-driver-uninstaller", options);
+  fs::copy_file(VALTA_FAULTY_INSPECT, root_ + kInspect, options);
+}
+
+Inspection ThrowawayHost::inspect(const std::string& arguments, const std::string& path) {
+  const std::string report = scratch_ + "/report";
+  const int status = script("enter", "-r -e PATH=" + path + quote(root_) + " " + kInspect + " " +
+                                         arguments + " --json >" + quote(report) + " 2>&1");
+  return {status, nlohmann::json::parse(contents(report), nullptr, false)};
+}
+
+pid_t ThrowawayHost::start_inspecting(const std::string& verb) {
+  const pid_t child = fork();
+  if (child == 0) {
+    execl((std::string(kHostScripts) + "enter").c_str(), "enter", "-r", "-e",
+          ("HOST=" + scratch_).c_str(), root_.c_str(), kInspect, verb.c_str(), nullptr);
+    _exit(127);
+  }
+  return child;
+}
+
+bool ThrowawayHost::is_inhabited() const {
+  for (const auto& process : fs::directory_iterator("/proc")) {
+    if (contents(process.path() / "environ").find("HOST=" + scratch_) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
 Outcome ThrowawayHost::run(const Circumstances& circumstances) {
   std::ofstream(root_ + "/trace").flush();
   std::ofstream(root_ + "/run/commands") << "0\n";
   std::string environment = " -e PATH=/usr/bin:/bin -e " + circumstances.variable;
   if (!circumstances.fault.empty()) {
-    fs::copy_file(VALTA_FAULTY_PROGRAM, root_ + "/valta-driver-uninstaller",
-                  fs::copy_options::overwrite_existing);
+    put_faulty_programs();
     environment += " -e FAULT=" + circumstances.fault;
   }
   const std::string output = scratch_ + "/output";

@@ -2,7 +2,10 @@
 
 #include <functional>
 #include <iosfwd>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "installer/kernel_module.h"
@@ -31,6 +34,12 @@ struct Outcome {
   std::string log;
 };
 
+/// What one call of valta-driver-inspect came to.
+struct Inspection {
+  int status;
+  nlohmann::json report;  ///< null when it printed none
+};
+
 /// The root of a throwaway host in a scratch directory, with the machine's own shell, md5sum and
 /// rm, scripted tools and nothing installed. Where it cannot be laid out or entered, the test
 /// fails.
@@ -54,7 +63,20 @@ class ThrowawayHost {
   /// Files, links and empty directories, a line each, but for the tools and records of the host.
   [[nodiscard]] std::string files() const;
 
+  /// Every path with mode, owners, size, times and inode; of what the start of a program reads,
+  /// without the time of access.
+  [[nodiscard]] std::map<std::string, std::string> listing() const;
+
   Outcome run(const Circumstances& circumstances = {});
+  /// From now on the programs are copies that find the host's module list wherever they run, as
+  /// `inspect` needs them.
+  void put_faulty_programs();
+  /// Runs valta-driver-inspect with `arguments` and --json, and with the search path `path`.
+  Inspection inspect(const std::string& arguments, const std::string& path = "/usr/bin:/bin");
+  /// Starts it with `verb` and returns its process.
+  pid_t start_inspecting(const std::string& verb);
+  /// Whether a process that `start_inspecting` brought about is still there.
+  [[nodiscard]] bool is_inhabited() const;
   /// Runs `body`, with its expectations, in a child process on this host. Its log is /log.
   void call(const std::function<void()>& body);
 

@@ -115,12 +115,7 @@ class RunWhere : public WholeRun, public testing::WithParamInterface<Situation> 
 
 TEST_P(RunWhere, EndsAsItShould) {
   const Situation& situation = GetParam();
-  host.load_module("zephanor");
-  host.sh("file /last; file " + kLog);
-  std::vector<std::string> lines = situation.manifest;
-  lines.push_back("FILE /last " + kEmpty);
-  host.manifest(lines);
-  host.sh(situation.prepare);
+  meet(situation, host);
   std::string left = host.files();
   left.erase(left.find("/last\n"), situation.goes_on ? 6 : 0);
   const Outcome run = host.run({.fault = situation.fault});

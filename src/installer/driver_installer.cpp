@@ -1,7 +1,5 @@
 #include "installer/driver_installer.h"
 
-#include <array>
-
 #include "installer/kernel_module.h"
 #include "installer/remove_driver.h"
 #include "log/log.h"
@@ -11,9 +9,6 @@
 
 namespace valta {
 namespace {
-
-/// The known names of the driver module, in the order in which they are visited.
-constexpr std::array<const char*, 2> kDriverNames = {"kq_driver", "zephanor"};
 
 const std::vector<ModuleParameter> kModuleParameters = {{"vgpu_enable=1", false}};
 

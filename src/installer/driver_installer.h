@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +11,9 @@
 #include "uninstall/result_code.h"
 
 namespace valta {
+
+/// The known names of the driver module, in the order in which they are visited.
+inline constexpr std::array<const char*, 2> kDriverNames = {"kq_driver", "zephanor"};
 
 /// A module parameter text and whether it is enabled.
 using ModuleParameter = std::pair<std::string, bool>;

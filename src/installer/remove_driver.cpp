@@ -1,6 +1,5 @@
 #include "installer/remove_driver.h"
 
-#include <array>
 #include <exception>
 #include <vector>
 
@@ -14,20 +13,6 @@
 
 namespace valta {
 namespace {
-
-constexpr const char* kCompanion = "zvrfs";
-constexpr const char* kPeerMemoryCompanion = "zvr_peer_mem_drv";
-
-/// "modules-loads.d" has one "s" more than the directory that is read at boot. The file there is in
-/// the manifest, which deletes it unless it changed; from here it would go without a look.
-constexpr std::array<const char*, 6> kConfigurationPaths = {
-    "/usr/bin/zephanorvalta.sh",
-    "/lib/systemd/system/hang_watchdog",
-    "/etc/modprobe.d/zephanor.conf",
-    "/etc/modules-loads.d/zephanor.conf",
-    "/etc/zephanor",
-    "/usr/share/zephanor",
-};
 
 ResultCode report_busy_companion(const char* name) {
   zvlogger::log(LogLevel::Error,

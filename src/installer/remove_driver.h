@@ -1,10 +1,28 @@
 #pragma once
 
+#include <array>
 #include <string>
 
 #include "uninstall/result_code.h"
 
 namespace valta {
+
+/// The modules that use the driver and are unloaded before it.
+inline constexpr const char* kCompanion = "zvrfs";
+inline constexpr const char* kPeerMemoryCompanion = "zvr_peer_mem_drv";
+
+/// What goes without a look at its content.
+///
+/// "modules-loads.d" has one "s" more than the directory that is read at boot. The file there is in
+/// the manifest, which deletes it unless it changed; from here it would go without a look.
+inline constexpr std::array<const char*, 6> kConfigurationPaths = {
+    "/usr/bin/zephanorvalta.sh",
+    "/lib/systemd/system/hang_watchdog",
+    "/etc/modprobe.d/zephanor.conf",
+    "/etc/modules-loads.d/zephanor.conf",
+    "/etc/zephanor",
+    "/usr/share/zephanor",
+};
 
 /// Removes one driver: unloads its companions and the module `name`, then removes what the manifest
 /// lists and the fixed configuration files, and refreshes the module dependency data. An empty

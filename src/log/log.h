@@ -16,6 +16,9 @@ enum class LogLevel : std::int8_t {
   Emerge = 5,   ///< "Emerge: ", file and standard error, quiet or not
 };
 
+/// Where a run logs.
+inline constexpr const char* kLogPath = "/var/log/zephanorvalta/driver_uninstaller.log";
+
 /// The one log of the process. Every other module writes through it.
 namespace zvlogger {
 

@@ -19,8 +19,6 @@
 namespace valta {
 namespace {
 
-constexpr const char* kLogPath = "/var/log/zephanorvalta/driver_uninstaller.log";
-
 constexpr int kNotRoot = -1;  // 255 to the caller
 constexpr int kNotRootAnymore = 7;
 

@@ -1,0 +1,286 @@
+#include "inspect/conditions.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include "inspect/units.h"
+#include "installer/remove_driver.h"
+#include "log/log.h"
+#include "uninstall/manifest_handlers.h"
+#include "utils/files.h"
+#include "utils/search_path.h"
+#include "utils/text.h"
+
+namespace valta::inspect {
+namespace fs = std::filesystem;
+namespace {
+
+const std::string kManifest = kUninstallManifestPath;
+const std::string kSourcePrefix = "/usr/src/valta-";
+
+std::string editor_at(std::size_t line) { return "vi +" + std::to_string(line) + " " + kManifest; }
+
+struct Damage {
+  Severity severity;
+  const char* text;
+};
+
+bool printable(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+std::optional<Damage> damage_of(const ManifestEntry& entry, const std::string& line) {
+  if (!ManifestHandlers.contains(entry.type)) {
+    return {{Severity::blocks, "has a type that is not known: a run stops there"}};
+  }
+  const std::vector<std::string> fields = split(line, ' ');
+  if (!printable(line) || fields.size() > 3) {
+    return {{Severity::keeps, "has a blank, or a byte that is no printable character, in a field"}};
+  }
+  const bool names_path = entry.type != "SERVICE" && entry.type != "DKMS";
+  if (fields.size() < 2 || fields[1].empty() || (names_path && !entry.path.starts_with('/'))) {
+    return {{Severity::keeps, "names nothing that could be removed"}};
+  }
+  if (line.find('\'') != std::string::npos) {
+    return {{Severity::keeps, "has a quote, which no shell command of a run gets right"}};
+  }
+  if ((entry.type == "FILE" || entry.type == "RFILE") && (fields.size() < 3 || fields[2].empty())) {
+    return {{Severity::keeps, "has no digest, so its file counts as changed"}};
+  }
+  if (entry.type == "SERVICE" && entry.digest.empty()) {
+    return {{Severity::note, "has no digest: its unit file goes, changed or not"}};
+  }
+  return {};
+}
+
+/// The number of the first line that `fits`; 0 when none does.
+template <typename Fits>
+std::size_t line_of(const Installation& installation, const Fits& fits) {
+  const auto& entries = installation.entries;
+  const auto found = std::find_if(entries.begin(), entries.end(), fits);
+  return found == entries.end() ? 0 : static_cast<std::size_t>(found - entries.begin()) + 1;
+}
+
+/// The unit directory where the stack's installer puts its files, by both of its names.
+bool is_installed_place(const std::string& file) {
+  return file.starts_with("/lib/systemd/system/") || file.starts_with("/usr/lib/systemd/system/");
+}
+
+void look_at_unit(const std::string& unit, Report& report) {
+  if (is_bare_template(unit)) {
+    report.add("unit-template", Severity::blocks,
+               unit +
+                   " is a template: its instances would run on, and the run end with 145. "
+                   "Stop them, and give each a line of its own in the manifest.",
+               unit, "systemctl stop '" + unit + "*'");
+    return;
+  }
+  if (refuses_to_stop("", unit)) {
+    report.add("unit-refuses", Severity::blocks,
+               unit + " refuses to be stopped by hand, so systemd would still know it.", unit,
+               "systemctl kill " + unit);
+  }
+  for (const std::string& file : unit_files("", unit)) {
+    std::error_code none;
+    const std::string target = fs::read_symlink(file, none);
+    if (target == "/dev/null") {
+      report.add("unit-masked", Severity::blocks,
+                 unit + " is masked, so systemd would still know it.", file,
+                 "systemctl unmask " + unit);
+    } else if (target.empty() && !is_installed_place(file)) {
+      report.add("unit-copied", Severity::blocks,
+                 unit + " has a file elsewhere, so systemd would still know it.", file,
+                 "rm " + file + " && systemctl daemon-reload");
+    }
+  }
+}
+
+/// The instances of `unit`'s template that are enabled.
+std::vector<std::string> enabled_instances(const std::string& unit) {
+  const std::string prefix = unit.substr(0, unit.find('@') + 1);
+  std::vector<std::string> instances;
+  for (const std::string& path : paths_below("/etc/systemd/system")) {
+    const std::string name = last_component(path);
+    if (name.starts_with(prefix) && name.ends_with(".service") && name != prefix + ".service" &&
+        is_symlink(path)) {
+      instances.push_back(name.substr(0, name.rfind('.')));
+    }
+  }
+  return instances;
+}
+
+struct Tool {
+  const char* name;
+  Severity severity;
+  const char* without;
+};
+
+constexpr std::array<Tool, 7> kTools = {{
+    {"rmmod", Severity::blocks, "a run does nothing at all"},
+    {"sh", Severity::blocks, "no command of a run can be started"},
+    {"md5sum", Severity::keeps, "no file can be compared, so all of them stay"},
+    {"rm", Severity::keeps, "the configuration and the DKMS sources stay"},
+    {"depmod", Severity::blocks, "the module dependency data stays as it is"},
+    {"systemctl", Severity::blocks, "the first service entry ends the run"},
+    {"dkms", Severity::keeps, "what DKMS has of the module stays"},
+}};
+
+constexpr std::array<const char*, 6> kSystemDirectories = {
+    "/bin", "/sbin", "/usr/bin", "/usr/sbin", "/usr/local/bin", "/usr/local/sbin"};
+
+bool is_needed(const Tool& tool, const Installation& installation) {
+  const std::string_view name = tool.name;
+  return (name != "systemctl" || !installation.units.empty()) &&
+         (name != "dkms" || !dkms_registrations("").empty());
+}
+
+bool is_system_directory(const std::string& directory) {
+  return std::find(kSystemDirectories.begin(), kSystemDirectories.end(), directory) !=
+         kSystemDirectories.end();
+}
+
+void look_at_dkms_tree(Report& report) {
+  const std::vector<std::string> trees = dkms_trees("");
+  for (std::size_t tree = 1; tree < trees.size(); ++tree) {
+    report.add("dkms-tree", Severity::keeps,
+               "DKMS keeps its versions in " + trees[tree] + ", where a run does not look.",
+               "/etc/dkms/framework.conf.d", "dkms status valta");
+  }
+}
+
+}  // namespace
+
+void look_at_manifest(const Installation& installation, Report& report) {
+  if (!installation.has_manifest) {
+    if (path_exists(installation.root)) {
+      report.add("manifest-missing", Severity::keeps,
+                 "There is no uninstall manifest, so a run leaves the files, links and services.",
+                 kManifest, "find " + installation.root);
+    }
+    return;
+  }
+  std::string text;
+  try_read_file(kManifest, text);
+  const std::vector<std::string> lines = split(text, '\n');
+  for (std::size_t line = 0; line < lines.size(); ++line) {
+    if (const auto damage = damage_of(installation.entries[line], lines[line])) {
+      report.add("manifest-line", damage->severity,
+                 "Line " + std::to_string(line + 1) + " of the manifest " + damage->text + ".",
+                 kManifest + ":" + std::to_string(line + 1), editor_at(line + 1));
+    }
+  }
+  const auto sources = line_of(installation, [](const ManifestEntry& entry) {
+    return entry.type != "SERVICE" && entry.path.starts_with(kSourcePrefix);
+  });
+  const auto dkms = line_of(installation, [](const auto& entry) { return entry.type == "DKMS"; });
+  if (sources != 0 && sources < dkms && !dkms_registrations("").empty()) {
+    report.add("dkms-order", Severity::blocks,
+               "Line " + std::to_string(sources) + " takes the DKMS sources away before line " +
+                   std::to_string(dkms) + " has DKMS remove the module. Move the DKMS line up.",
+               kManifest + ":" + std::to_string(dkms), editor_at(dkms));
+  }
+}
+
+void look_at_units(const Installation& installation, Report& report) {
+  std::vector<std::string> seen;
+  for (const std::string& unit : installation.units) {
+    if (std::find(seen.begin(), seen.end(), unit) != seen.end()) {
+      continue;
+    }
+    seen.push_back(unit);
+    look_at_unit(unit, report);
+  }
+  for (const std::string& unit : installation.units) {
+    for (const std::string& instance : unit.find('@') == std::string::npos
+                                           ? std::vector<std::string>()
+                                           : enabled_instances(unit)) {
+      if (std::find(seen.begin(), seen.end(), instance) == seen.end()) {
+        seen.push_back(instance);
+        report.add("unit-instance", Severity::keeps,
+                   instance + " has no line in the manifest: it would run on without its file.",
+                   instance, "systemctl disable --now " + instance);
+      }
+    }
+  }
+}
+
+void look_at_tools(const Installation& installation, Report& report) {
+  for (const Tool& tool : kTools) {
+    if (!is_needed(tool, installation)) {
+      continue;
+    }
+    const std::string name = tool.name;
+    if (!find_in_path_executable(name)) {
+      report.add("tool-missing", tool.severity, "There is no " + name + ": " + tool.without + ".",
+                 name, "command -v " + name);
+    } else if (const std::string place = which(name);
+               !is_system_directory(fs::path(place).parent_path())) {
+      report.add("tool-odd", Severity::note, "The first " + name + " of PATH is not the system's.",
+                 place, "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root ...");
+    }
+  }
+  look_at_dkms_tree(report);
+}
+
+void look_at_log_space(Report& report) {
+  fs::path place = kLogPath;
+  struct statvfs room {};
+  while (statvfs(place.c_str(), &room) != 0 && place.has_relative_path()) {
+    place = place.parent_path();
+  }
+  if (room.f_bfree == 0 || (room.f_ffree == 0 && room.f_files != 0)) {
+    report.add("log-full", Severity::blocks,
+               "The file system of the log is full: a run does everything and leaves no record.",
+               place, "df " + place.string());
+  }
+}
+
+void look_at_trust(Report& report) {
+  std::vector<fs::path> trusted = {kManifest, "/etc/dkms/framework.conf"};
+  for (const std::string& tree : dkms_trees("")) {
+    trusted.emplace_back(tree + "/valta");
+  }
+  std::vector<fs::path> seen;
+  for (const fs::path& path : trusted) {
+    for (fs::path part = path;; part = part.parent_path()) {
+      struct stat status {};
+      if (std::find(seen.begin(), seen.end(), part) == seen.end() &&
+          stat(part.c_str(), &status) == 0 &&
+          (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
+        report.add(
+            "trust", Severity::note,
+            "Others than root may write here, and thereby decide what root deletes.", part,
+            status.st_uid == 0 ? "chmod go-w " + part.string() : "chown root " + part.string());
+      }
+      seen.push_back(part);
+      if (!part.has_relative_path()) {
+        break;
+      }
+    }
+  }
+}
+
+void look_at_unseen(Report& report) {
+  std::vector<std::string> paths(kConfigurationPaths.begin(), kConfigurationPaths.end());
+  for (const std::string& version : dkms_registrations("")) {
+    paths.push_back(kSourcePrefix + last_component(version));
+  }
+  for (const std::string& path : paths) {
+    if (!path_exists(path) && !is_symlink(path)) {
+      continue;
+    }
+    std::string text = path + " goes without a look at its content";
+    if (is_directory(path)) {
+      text += ", with the " + std::to_string(paths_below(path).size()) + " paths below it";
+    }
+    report.add("unseen", Severity::note, text + ".", path, "cp -a " + path + " /root/");
+  }
+}
+
+}  // namespace valta::inspect

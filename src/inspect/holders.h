@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "inspect/report.h"
+
+namespace valta::inspect {
+
+/// Tells by whom the stack's modules in the list `modules` are held: other modules by name, and
+/// processes that have a device of the module open or mapped, as far as the kernel tells whose
+/// device that is. What holds a module and cannot be named is counted.
+void look_at_holders(const std::string& modules, Report& report);
+
+}  // namespace valta::inspect

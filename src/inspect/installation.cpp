@@ -1,0 +1,98 @@
+#include "inspect/installation.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "installer/driver_installer.h"
+#include "installer/remove_driver.h"
+#include "uninstall/dkms_config.h"
+#include "uninstall/install_root.h"
+#include "utils/files.h"
+#include "utils/text.h"
+
+namespace valta::inspect {
+namespace fs = std::filesystem;
+Installation read_installation(const std::string& root) {
+  Installation installation;
+  installation.root = default_install_root();
+  std::string text;
+  installation.has_manifest = try_read_file(root + kUninstallManifestPath, text);
+  installation.entries = parse_manifest(text);
+  for (const ManifestEntry& entry : installation.entries) {
+    if (entry.type == "VALTA") {
+      installation.root = entry.path;
+    } else if (entry.type == "SERVICE") {
+      installation.units.push_back(entry.path);
+    }
+  }
+  return installation;
+}
+
+std::vector<std::string> dkms_trees(const std::string& root) {
+  std::vector<std::string> trees;
+  const auto add = [&](const std::string& file, const char* without) {
+    DkmsConfig config;
+    config.dkms_tree = without;
+    std::string text;
+    if (try_read_file(root + file, text)) {
+      parse_framework_conf(text, config);
+    }
+    if (!config.dkms_tree.empty() &&
+        std::find(trees.begin(), trees.end(), config.dkms_tree) == trees.end()) {
+      trees.push_back(config.dkms_tree);
+    }
+  };
+  const std::string file = "/etc/dkms/framework.conf";
+  add(file, DkmsConfig().dkms_tree.c_str());
+  for (const std::string& name : names_in(root + file + ".d")) {
+    if (name.ends_with(".conf")) {
+      add(file + ".d/" + name, "");
+    }
+  }
+  return trees;
+}
+
+std::vector<std::string> dkms_registrations(const std::string& root) {
+  std::vector<std::string> versions;
+  for (const std::string& tree : dkms_trees(root)) {
+    for (const std::string& name : names_in(root + tree + "/valta")) {
+      const std::string version = tree + "/valta/" + name;
+      const std::string source = root + version + "/source";
+      if (!is_symlink(root + version) && (is_symlink(source) || is_directory(source))) {
+        versions.push_back(version);
+      }
+    }
+  }
+  return versions;
+}
+
+std::vector<std::string> stack_modules() {
+  std::vector<std::string> names(kDriverNames.begin(), kDriverNames.end());
+  names.insert(names.end(), {kCompanion, kPeerMemoryCompanion});
+  return names;
+}
+
+std::vector<std::string> names_in(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(directory, ignored)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::vector<std::string> paths_below(const std::string& directory) {
+  std::vector<std::string> paths;
+  std::error_code error;
+  const auto options = fs::directory_options::skip_permission_denied;
+  fs::recursive_directory_iterator entry(directory, options, error);
+  while (!error && entry != fs::recursive_directory_iterator()) {
+    paths.push_back(entry->path());
+    entry.increment(error);
+  }
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+}  // namespace valta::inspect

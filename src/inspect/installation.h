@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "uninstall/manifest.h"
+
+namespace valta::inspect {
+
+/// What the uninstall manifest says, for those who look without handling it.
+struct Installation {
+  bool has_manifest = false;  ///< it exists and can be read
+  std::string root;           ///< of its VALTA line, or the default
+  std::vector<ManifestEntry> entries;
+  std::vector<std::string> units;  ///< of its SERVICE entries
+};
+
+/// Reads the manifest below `root` ("" for this process's).
+[[nodiscard]] Installation read_installation(const std::string& root);
+
+/// The versions that DKMS has of the module below `root`, as paths without `root`, in whatever tree
+/// it was told to keep them.
+[[nodiscard]] std::vector<std::string> dkms_registrations(const std::string& root);
+
+/// The DKMS trees that the configuration below `root` names: of framework.conf first, the default
+/// if there is none, then those of framework.conf.d.
+[[nodiscard]] std::vector<std::string> dkms_trees(const std::string& root);
+
+/// The names of the driver's modules and of their companions.
+[[nodiscard]] std::vector<std::string> stack_modules();
+
+/// The names in `directory`, sorted; none when it cannot be read.
+[[nodiscard]] std::vector<std::string> names_in(const std::string& directory);
+
+/// The paths below `directory`, itself not included, directories too, sorted. What cannot be read
+/// is left out.
+[[nodiscard]] std::vector<std::string> paths_below(const std::string& directory);
+
+}  // namespace valta::inspect

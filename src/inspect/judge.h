@@ -1,0 +1,27 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "inspect/report.h"
+
+namespace valta::inspect {
+
+/// What a run left to judge it by.
+struct Evidence {
+  std::optional<int> status;               ///< if it is known
+  std::string console;                     ///< standard error; empty when nobody kept it
+  std::optional<std::string> log;          ///< none when there is no log
+  std::vector<std::string> registrations;  ///< what DKMS still has of the module, as paths
+  bool installed = false;                  ///< whether the installation root is there
+};
+
+/// Judges a run: sets the outcome, its reason, the status, the texts, and what the log says of the
+/// paths of the manifest (`removed`, `kept`; the kind of what is gone is not in the log, "other").
+///
+/// A status of 0 is no proof: the program ends with it, for one, when a clean-up failed that came
+/// too late to matter to its caller. So "done" takes a complete log without any sign of trouble.
+void judge(const Evidence& evidence, Report& report);
+
+}  // namespace valta::inspect

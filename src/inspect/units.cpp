@@ -1,0 +1,103 @@
+#include "inspect/units.h"
+
+#include <array>
+#include <filesystem>
+#include <string_view>
+
+#include "utils/files.h"
+#include "utils/text.h"
+
+namespace valta::inspect {
+namespace fs = std::filesystem;
+namespace {
+
+/// systemd's own order.
+constexpr std::array<const char*, 13> kUnitDirectories = {
+    "/etc/systemd/system.control",   "/run/systemd/system.control",  "/run/systemd/transient",
+    "/run/systemd/generator.early",  "/etc/systemd/system",          "/etc/systemd/system.attached",
+    "/run/systemd/system",           "/run/systemd/system.attached", "/run/systemd/generator",
+    "/usr/local/lib/systemd/system", "/lib/systemd/system",          "/usr/lib/systemd/system",
+    "/run/systemd/generator.late",
+};
+
+constexpr std::array<std::string_view, 11> kUnitTypes = {
+    ".automount", ".device", ".mount", ".path",   ".scope", ".service",
+    ".slice",     ".socket", ".swap",  ".target", ".timer"};
+
+/// Whether there is something at `path` below `root`, where absolute links start from `root` too.
+bool leads_somewhere(const std::string& root, const std::string& path) {
+  std::error_code none;
+  const fs::path target = fs::read_symlink(root + path, none);
+  return path_exists(target.is_absolute() ? root + target.string() : root + path);
+}
+
+std::vector<std::string> files_called(const std::string& root, const std::string& name) {
+  std::vector<std::string> files;
+  for (const char* const directory : kUnitDirectories) {
+    std::string file = root + directory + "/" + name;
+    std::error_code ignored;
+    const bool repeated = !files.empty() && fs::equivalent(files.back(), file, ignored);
+    if (!repeated && leads_somewhere(root, file.substr(root.size()))) {
+      files.push_back(std::move(file));
+    }
+  }
+  return files;
+}
+
+bool says_so(const std::string& file) {
+  std::string text;
+  if (!try_read_file(file, text)) {
+    return false;
+  }
+  for (const std::string& line : split(text, '\n')) {
+    const auto value = value_after(line, "RefuseManualStop=");
+    if (value && (*value == "yes" || *value == "true" || *value == "on" || *value == "1")) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+std::string full_unit_name(const std::string& unit) {
+  for (const std::string_view type : kUnitTypes) {
+    if (unit.ends_with(type)) {
+      return unit;
+    }
+  }
+  return unit + ".service";
+}
+
+bool is_bare_template(const std::string& unit) {
+  return full_unit_name(unit).find("@.") != std::string::npos;
+}
+
+std::vector<std::string> unit_files(const std::string& root, const std::string& unit) {
+  const std::string name = full_unit_name(unit);
+  std::vector<std::string> files = files_called(root, name);
+  const auto at = name.find('@');
+  if (files.empty() && at != std::string::npos) {
+    files = files_called(root, name.substr(0, at + 1) + name.substr(name.rfind('.')));
+  }
+  return files;
+}
+
+bool refuses_to_stop(const std::string& root, const std::string& unit) {
+  const std::vector<std::string> files = unit_files(root, unit);
+  if (!files.empty() && says_so(files.front())) {
+    return true;
+  }
+  for (const char* const directory : kUnitDirectories) {
+    std::error_code ignored;
+    const std::string drop_ins = root + directory + "/" + full_unit_name(unit) + ".d";
+    for (const auto& drop_in : fs::directory_iterator(drop_ins, ignored)) {
+      if (says_so(drop_in.path())) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+}  // namespace valta::inspect
