@@ -43,7 +43,8 @@ library() { "$1" -print-file-name="$2" 2>/dev/null || echo "$2"; }
 
 # What every build needs, and a throwaway host.
 needed_to_build=(g++=g++ g++="$(library g++ libstdc++.a)" libc6-dev=/usr/include/stdio.h cmake=cmake
-  ninja-build=ninja nlohmann-json3-dev=/usr/include/nlohmann/json.hpp binutils=readelf coreutils=md5sum libc-bin=ldd util-linux=unshare)
+  ninja-build=ninja nlohmann-json3-dev=/usr/include/nlohmann/json.hpp binutils=readelf
+  coreutils=md5sum libc-bin=ldd util-linux=unshare)
 
 # What building the tests needs.
 # shellcheck disable=SC2034  # used by those who source this
