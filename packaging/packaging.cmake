@@ -11,8 +11,9 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(description "Unloads the kernel modules of the driver stack and removes what its
 installer recorded: files, links, directories, services and the DKMS
-registration. Files that changed since installation are kept. To remove this
-package runs nothing: the driver stack stays as it is.")
+registration. Files that changed since installation are kept. A second program
+foretells what a run would do, and judges the last one. To remove this package
+runs nothing: the driver stack stays as it is.")
 
 # The name of the processor in each family.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")

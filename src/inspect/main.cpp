@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sysexits.h>
 #include <unistd.h>
 
@@ -137,6 +138,23 @@ Report before(const Options& options) {
   return report;
 }
 
+/// The log does not tell what was removed under a path, but the manifest does.
+void name_kinds(const Installation& installation, Report& report) {
+  const std::map<std::string_view, const char*> kinds = {{"FILE", "file"},
+                                                         {"RFILE", "file"},
+                                                         {"SYMLINK", "link"},
+                                                         {"RLINK", "link"},
+                                                         {"DIR", "directory"}};
+  for (const ManifestEntry& entry : installation.entries) {
+    const auto kind = kinds.find(entry.type);
+    for (Removal& removal : report.removed) {
+      if (kind != kinds.end() && removal.path == entry.path) {
+        removal.kind = kind->second;
+      }
+    }
+  }
+}
+
 Report after(const Options& options) {
   Report report;
   report.verb = "after";
@@ -148,6 +166,10 @@ Report after(const Options& options) {
   judge({options.status, console, log_below(""), dkms_registrations(""),
          path_exists(installation.root)},
         report);
+  if (access(kLogPath, R_OK) != 0 && errno == EACCES) {
+    report.reason = "only root can read the log";
+  }
+  name_kinds(installation, report);
   look_at_remains("", installation, report);
   look_at_known_units(installation, report);
   look_at_loaded_modules(report);
@@ -204,7 +226,7 @@ Options read_options(int argc, char** argv, bool is_before) {
                               common[1],
                               {}};
   Options options;
-  std::string program = program_beside();
+  std::string program;
   for (int found = 0; found != -1;) {
     found = getopt_long(argc, argv, "", is_before ? for_before : for_after, nullptr);
     switch (found) {
@@ -237,7 +259,7 @@ Options read_options(int argc, char** argv, bool is_before) {
     refuse(std::string("unexpected argument ") + argv[optind]);
   }
   if (is_before) {
-    options.program = usable_program(program);
+    options.program = usable_program(program.empty() ? program_beside() : program);
   }
   return options;
 }
