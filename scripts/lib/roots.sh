@@ -36,25 +36,32 @@ archive_keys() {  # SUITE
   esac
 }
 
-# make_root NAME SUITE[/PROCESSOR] VARIANT [PACKAGE...]: makes build/roots/NAME of a release of Debian
-# or Ubuntu, unless it is there, and sets $root to it. VARIANT is one of mmdebstrap's; "extract"
-# unpacks the packages and what they need, and sets nothing up. A mirror that is no longer updated
-# does.
-make_root() {
-  local name=$1 suite=${2%/*} processor=${2#*/} variant=$3 keys packages
-  shift 3
-  packages=$(IFS=,; echo "$*")
-  root=$PWD/build/roots/$name
-  [ ! -d "$root" ] || return 0
+# bootstrap SUITE[/PROCESSOR] TARGET OPTION...: has mmdebstrap make a root file system of a release of
+# Debian or Ubuntu, with options of its own. A mirror that is no longer updated does. What it says is
+# shown when it fails.
+bootstrap() {
+  local suite=${1%/*} processor=${1#*/} target=$2 log=build/roots/log-$$ keys
   need mmdebstrap=mmdebstrap curl=curl \
     debian-archive-keyring=/usr/share/keyrings/debian-archive-keyring.gpg
   mkdir -p build/roots
   keys=$(archive_keys "$suite")
   [ "$processor" != "$suite" ] || processor=$(dpkg --print-architecture)
+  apt_sources "$suite" | mmdebstrap --architectures="$processor" --keyring="$keys" \
+    --aptopt='Acquire::Check-Valid-Until "false"' "${@:3}" "$suite" "$target" - >"$log" 2>&1 ||
+    { cat "$log" >&2; return 1; }
+  rm "$log"
+}
+
+# make_root NAME SUITE[/PROCESSOR] VARIANT [PACKAGE...]: makes build/roots/NAME unless it is there, and
+# sets $root to it. VARIANT is one of mmdebstrap's; "extract" unpacks the packages and what they need,
+# and sets nothing up.
+make_root() {
+  local packages
+  packages=$(IFS=,; echo "${*:4}")
+  root=$PWD/build/roots/$1
+  [ ! -d "$root" ] || return 0
+  echo "Making the root $1 of $2" >&2
   rm -rf "$root.new"
-  echo "Making the root $name of $suite" >&2
-  apt_sources "$suite" | mmdebstrap --variant="$variant" --architectures="$processor" \
-    --keyring="$keys" --aptopt='Acquire::Check-Valid-Until "false"' --include="$packages" \
-    "$suite" "$root.new" - >"$root.log" 2>&1 || { cat "$root.log" >&2; return 1; }
+  bootstrap "$2" "$root.new" --variant="$3" --include="$packages"
   mv "$root.new" "$root"
 }
