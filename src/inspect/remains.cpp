@@ -157,9 +157,7 @@ void look_at_unit_links(const std::string& root, const Installation& installatio
 /// The exit status of `systemctl status UNIT`, without a shell: names of units come from the
 /// manifest.
 int ask_systemd(const std::string& unit) {
-  const std::string name = full_unit_name(unit);
-  std::array<const char*, 6> command = {"systemctl", "status",     "--no-pager",
-                                        "--",        name.c_str(), nullptr};
+  std::array<const char*, 4> command = {"systemctl", "status", unit.c_str(), nullptr};
   posix_spawn_file_actions_t silent;
   posix_spawn_file_actions_init(&silent);
   posix_spawn_file_actions_addopen(&silent, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
