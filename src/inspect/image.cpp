@@ -197,7 +197,7 @@ void fail_to(const std::string& tried) {
 }
 
 void leave_namespaces() {
-  if (unshare(CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET) != 0) {
+  if (unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET) != 0) {
     fail_to("get namespaces of its own");
   }
   // In a chroot this fails, and mounts would show up outside of it.

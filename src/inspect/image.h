@@ -17,9 +17,9 @@ class NotPossible : public std::runtime_error {
 /// Throws `NotPossible`: `tried`, and what errno means.
 [[noreturn]] void fail_to(const std::string& tried);
 
-/// Puts this process into namespaces of its own for mounts and for what it starts: processes, IPC,
-/// host name, network. Mounts made from now on are seen by nobody else, and the files of the host
-/// are read without touching their access times. Throws `NotPossible` when the kernel denies that.
+/// Puts this process into namespaces of its own for mounts, IPC, host name and network. Mounts made
+/// from now on are seen by nobody else, and the files of the host are read without touching their
+/// access times. Throws `NotPossible` when the kernel denies that.
 void leave_namespaces();
 
 /// A copy-on-write image of this host: every file system with files is the lower layer of an

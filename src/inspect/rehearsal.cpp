@@ -13,6 +13,7 @@
 #include <fstream>
 #include <linux/capability.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -98,6 +99,12 @@ void put_stand_ins_first(const char* path) {
   std::array<char*, 2> arguments = {const_cast<char*>(program.c_str()), nullptr};
   execv(program.c_str(), arguments.data());
   fail_to("run " + program);
+}
+
+/// As fork; the child is the first process of a PID namespace.
+pid_t fork_into_namespace() {
+  return static_cast<pid_t>(
+      syscall(SYS_clone, CLONE_NEWPID | SIGCHLD, nullptr, nullptr, nullptr, 0));
 }
 
 /// The life of the image's first process: when it ends, so do all others there.
@@ -197,9 +204,9 @@ Rehearsal rehearse(const Image& image, const std::string& program, int timeout) 
   if (pipe2(report.data(), O_CLOEXEC) != 0 || pipe2(lifeline.data(), O_CLOEXEC) != 0) {
     fail_to("get a pipe");
   }
-  const pid_t first = fork();
+  const pid_t first = fork_into_namespace();
   if (first < 0) {
-    fail_to("start a process");
+    fail_to("start a process in a namespace of its own");
   }
   if (first == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -68,7 +68,7 @@ void explain_shared(const Installation& installation, Report& report) {
   if (const auto left = count("left"); left > 0) {
     report.add("manifest-left", Severity::keeps,
                std::to_string(left) + " paths of the manifest are left.", kUninstallManifestPath,
-               "valta-driver-inspect after --verbose");
+               std::string("valta-driver-inspect ") + report.verb + " --verbose");
   }
 }
 
