@@ -81,7 +81,6 @@ TEST_P(Foretells, TheRunAndChangesNothing) {
   // What a run came to is judged as it was foretold to be judged.
   const Inspection judged = host.inspect("after --status " + std::to_string(run.status));
   EXPECT_EQ(judged.report["outcome"], GetParam().outcome);
-  EXPECT_EQ(judged.report["reason"], foretold.report["reason"]);
 }
 
 std::vector<Situation> situations_of_hosts() {
@@ -195,7 +194,7 @@ class Judges : public testing::TestWithParam<Judged> {};
 TEST_P(Judges, ARunByWhatItLeft) {
   const Judged& run = GetParam();
   inspect::Report report;
-  inspect::judge({run.status, "", run.log + run.closing, run.registrations, true}, report);
+  inspect::judge({run.status, "", "", run.log + run.closing, run.registrations, true}, report);
   EXPECT_STREQ(inspect::name_of(report.outcome), run.outcome) << report.reason;
 }
 

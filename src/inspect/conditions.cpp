@@ -81,34 +81,45 @@ void look_at_unit(const std::string& unit, Report& report) {
                unit, "systemctl stop '" + unit + "*'");
     return;
   }
-  if (refuses_to_stop("", unit)) {
+  if (refuses_to_stop(unit)) {
     report.add("unit-refuses", Severity::blocks,
                unit + " refuses to be stopped by hand, so systemd would still know it.", unit,
                "systemctl kill " + unit);
   }
-  for (const std::string& file : unit_files("", unit)) {
+  for (const std::string& file : unit_files(unit)) {
     std::error_code none;
     const std::string target = fs::read_symlink(file, none);
     if (target == "/dev/null") {
-      report.add("unit-masked", Severity::blocks,
-                 unit + " is masked, so systemd would still know it.", file,
-                 "systemctl unmask " + unit);
+      report.add(
+          "unit-masked", Severity::blocks, unit + " is masked, so systemd would still know it.",
+          file,
+          (file.starts_with("/run/") ? "systemctl unmask --runtime " : "systemctl unmask ") + unit);
     } else if (target.empty() && !is_installed_place(file)) {
       report.add("unit-copied", Severity::blocks,
                  unit + " has a file elsewhere, so systemd would still know it.", file,
-                 "rm " + file + " && systemctl daemon-reload");
+                 file.starts_with("/run/systemd/generator")
+                     ? "systemctl cat " + unit  // names what it was made from
+                     : "rm " + file + " && systemctl daemon-reload");
     }
   }
 }
 
-/// The instances of `unit`'s template that are enabled.
-std::vector<std::string> enabled_instances(const std::string& unit) {
+/// The instances of `unit`'s template that are enabled, or run, by their control groups.
+std::vector<std::string> instances_of(const std::string& unit) {
   const std::string prefix = unit.substr(0, unit.find('@') + 1);
+  std::vector<std::string> paths = paths_below("/etc/systemd/system");
+  for (const std::string hierarchy : {"/sys/fs/cgroup", "/sys/fs/cgroup/systemd"}) {
+    const std::string slices = hierarchy + "/system.slice/";
+    for (const std::string& slice : names_in(slices)) {
+      for (const std::string& group : names_in(slices + slice)) {
+        paths.push_back(group);
+      }
+    }
+  }
   std::vector<std::string> instances;
-  for (const std::string& path : paths_below("/etc/systemd/system")) {
+  for (const std::string& path : paths) {
     const std::string name = last_component(path);
-    if (name.starts_with(prefix) && name.ends_with(".service") && name != prefix + ".service" &&
-        is_symlink(path)) {
+    if (name.starts_with(prefix) && name.ends_with(".service") && name != prefix + ".service") {
       instances.push_back(name.substr(0, name.rfind('.')));
     }
   }
@@ -117,18 +128,20 @@ std::vector<std::string> enabled_instances(const std::string& unit) {
 
 struct Tool {
   const char* name;
+  const char* package;
   Severity severity;
   const char* without;
 };
 
-constexpr std::array<Tool, 7> kTools = {{
-    {"rmmod", Severity::blocks, "a run does nothing at all"},
-    {"sh", Severity::blocks, "no command of a run can be started"},
-    {"md5sum", Severity::keeps, "no file can be compared, so all of them stay"},
-    {"rm", Severity::keeps, "the configuration and the DKMS sources stay"},
-    {"depmod", Severity::blocks, "the module dependency data stays as it is"},
-    {"systemctl", Severity::blocks, "the first service entry ends the run"},
-    {"dkms", Severity::keeps, "what DKMS has of the module stays"},
+constexpr std::array<Tool, 8> kTools = {{
+    {"rmmod", "kmod", Severity::blocks, "a run does nothing at all"},
+    {"sh", "dash or bash", Severity::blocks, "no command of a run can be started"},
+    {"md5sum", "coreutils", Severity::keeps, "no file can be compared, so all of them stay"},
+    {"rm", "coreutils", Severity::keeps, "the configuration and the DKMS sources stay"},
+    {"depmod", "kmod", Severity::blocks, "the module dependency data stays as it is"},
+    {"systemctl", "systemd", Severity::blocks, "the first service entry ends the run"},
+    {"systemd-escape", "systemd", Severity::note, "the slices of templates are not stopped"},
+    {"dkms", "dkms", Severity::keeps, "what DKMS has of the module stays"},
 }};
 
 constexpr std::array<const char*, 6> kSystemDirectories = {
@@ -136,8 +149,8 @@ constexpr std::array<const char*, 6> kSystemDirectories = {
 
 bool is_needed(const Tool& tool, const Installation& installation) {
   const std::string_view name = tool.name;
-  return (name != "systemctl" || !installation.units.empty()) &&
-         (name != "dkms" || !dkms_registrations("").empty());
+  return (!name.starts_with("system") || !installation.units.empty()) &&
+         (name != "dkms" || !dkms_registrations().empty());
 }
 
 bool is_system_directory(const std::string& directory) {
@@ -145,12 +158,16 @@ bool is_system_directory(const std::string& directory) {
          kSystemDirectories.end();
 }
 
+/// A run looks into the first tree alone.
 void look_at_dkms_tree(Report& report) {
-  const std::vector<std::string> trees = dkms_trees("");
-  for (std::size_t tree = 1; tree < trees.size(); ++tree) {
-    report.add("dkms-tree", Severity::keeps,
-               "DKMS keeps its versions in " + trees[tree] + ", where a run does not look.",
-               "/etc/dkms/framework.conf.d", "dkms status valta");
+  const std::vector<std::string> trees = dkms_trees();
+  for (const std::string& version : dkms_registrations()) {
+    if (!version.starts_with(trees.front() + "/")) {
+      const std::string name = "valta/" + last_component(version);
+      report.add("dkms-tree", Severity::keeps,
+                 "DKMS has " + name + " in a tree where a run does not look.", version,
+                 "dkms remove " + name + " --all");
+    }
   }
 }
 
@@ -179,7 +196,7 @@ void look_at_manifest(const Installation& installation, Report& report) {
     return entry.type != "SERVICE" && entry.path.starts_with(kSourcePrefix);
   });
   const auto dkms = line_of(installation, [](const auto& entry) { return entry.type == "DKMS"; });
-  if (sources != 0 && sources < dkms && !dkms_registrations("").empty()) {
+  if (sources != 0 && sources < dkms && !dkms_registrations().empty()) {
     report.add("dkms-order", Severity::blocks,
                "Line " + std::to_string(sources) + " takes the DKMS sources away before line " +
                    std::to_string(dkms) + " has DKMS remove the module. Move the DKMS line up.",
@@ -197,9 +214,8 @@ void look_at_units(const Installation& installation, Report& report) {
     look_at_unit(unit, report);
   }
   for (const std::string& unit : installation.units) {
-    for (const std::string& instance : unit.find('@') == std::string::npos
-                                           ? std::vector<std::string>()
-                                           : enabled_instances(unit)) {
+    for (const std::string& instance :
+         unit.find('@') == std::string::npos ? std::vector<std::string>() : instances_of(unit)) {
       if (std::find(seen.begin(), seen.end(), instance) == seen.end()) {
         seen.push_back(instance);
         report.add("unit-instance", Severity::keeps,
@@ -217,12 +233,15 @@ void look_at_tools(const Installation& installation, Report& report) {
     }
     const std::string name = tool.name;
     if (!find_in_path_executable(name)) {
-      report.add("tool-missing", tool.severity, "There is no " + name + ": " + tool.without + ".",
-                 name, "command -v " + name);
+      report.add(
+          "tool-missing", tool.severity,
+          "There is no " + name + ", of the package " + tool.package + ": " + tool.without + ".",
+          name, "command -v " + name);
     } else if (const std::string place = which(name);
                !is_system_directory(fs::path(place).parent_path())) {
-      report.add("tool-odd", Severity::note, "The first " + name + " of PATH is not the system's.",
-                 place, "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root ...");
+      report.add(
+          "tool-odd", Severity::note, "The first " + name + " of PATH is not the system's.", place,
+          "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root valta-driver-inspect before");
     }
   }
   look_at_dkms_tree(report);
@@ -243,7 +262,7 @@ void look_at_log_space(Report& report) {
 
 void look_at_trust(Report& report) {
   std::vector<fs::path> trusted = {kManifest, "/etc/dkms/framework.conf"};
-  for (const std::string& tree : dkms_trees("")) {
+  for (const std::string& tree : dkms_trees()) {
     trusted.emplace_back(tree + "/valta");
   }
   std::vector<fs::path> seen;
@@ -268,7 +287,7 @@ void look_at_trust(Report& report) {
 
 void look_at_unseen(Report& report) {
   std::vector<std::string> paths(kConfigurationPaths.begin(), kConfigurationPaths.end());
-  for (const std::string& version : dkms_registrations("")) {
+  for (const std::string& version : dkms_registrations()) {
     paths.push_back(kSourcePrefix + last_component(version));
   }
   for (const std::string& path : paths) {
@@ -277,9 +296,9 @@ void look_at_unseen(Report& report) {
     }
     std::string text = path + " goes without a look at its content";
     if (is_directory(path)) {
-      text += ", with the " + std::to_string(paths_below(path).size()) + " paths below it";
+      text += ": " + some_of(names_in(path));
     }
-    report.add("unseen", Severity::note, text + ".", path, "cp -a " + path + " /root/");
+    report.add("unseen", Severity::note, text + ".", path, "cp -a --parents " + path + " /root/");
   }
 }
 

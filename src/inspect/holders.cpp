@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <set>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -10,6 +11,7 @@
 
 #include "inspect/installation.h"
 #include "inspect/modules.h"
+#include "uninstall/install_root.h"
 #include "utils/files.h"
 #include "utils/text.h"
 
@@ -23,6 +25,8 @@ struct Holder {
   std::string pid;
   std::string command;
   std::string device;
+  std::string service;  ///< that the process belongs to; empty for none
+  int uses = 0;         ///< its open files of the device, and what is mapped of them
 };
 
 /// The character devices of a module.
@@ -78,6 +82,18 @@ Devices devices_of(const std::string& module) {
   return devices;
 }
 
+std::string first_line(const std::string& path) {
+  std::string text;
+  try_read_file(path, text);
+  return text.substr(0, text.find('\n'));
+}
+
+/// The service in the path of a control group.
+std::string service_of(const std::string& group) {
+  const std::string name = last_component(group);
+  return name.ends_with(".service") ? name : "";
+}
+
 std::vector<Holder> processes_with(const Devices& devices) {
   std::vector<Holder> holders;
   std::error_code ignored;
@@ -86,19 +102,18 @@ std::vector<Holder> processes_with(const Devices& devices) {
     if (pid.find_first_not_of("0123456789") != std::string::npos) {
       continue;
     }
-    std::set<std::string> found;
+    std::map<std::string, int> found;
     for (const char* const kind : {"fd", "map_files"}) {
       for (const auto& file : fs::directory_iterator(process.path() / kind, ignored)) {
         struct stat status {};
         if (stat(file.path().c_str(), &status) == 0 && devices.holds(status)) {
-          found.insert(fs::read_symlink(file.path(), ignored));
+          ++found[fs::read_symlink(file.path(), ignored)];
         }
       }
     }
-    std::string command;
-    try_read_file(process.path() / "comm", command);
-    for (const std::string& device : found) {
-      holders.push_back({pid, command.substr(0, command.find('\n')), device});
+    for (const auto& [device, uses] : found) {
+      holders.push_back({pid, first_line(process.path() / "comm"), device,
+                         service_of(first_line(process.path() / "cgroup")), uses});
     }
   }
   return holders;
@@ -124,17 +139,20 @@ void look_at_holders(const std::string& modules, Report& report) {
       continue;
     }
     for (const Holder& holder : processes_with(devices_of(name))) {
-      --unnamed;
-      report.add("module-held", Severity::blocks,
-                 "The module " + name + " is used by process " + holder.pid + ", " +
-                     holder.command + ", which has " + holder.device + " open.",
-                 holder.device, "kill " + holder.pid);
+      unnamed -= holder.uses;
+      report.add(
+          "module-held", Severity::blocks,
+          "The module " + name + " is used by process " + holder.pid + ", " + holder.command +
+              ", which has " + holder.device + " open.",
+          holder.device,
+          holder.service.empty() ? "kill " + holder.pid : "systemctl stop " + holder.service);
     }
     if (unnamed > 0) {
       report.add("module-held", Severity::blocks,
-                 "The module " + name + " is in use " + std::to_string(unnamed) +
-                     " more time(s), and the kernel does not tell by whom.",
-                 name, "grep -ls /usr/local/valta- /proc/[0-9]*/maps");
+                 "The module " + name + " is held " +
+                     counted(static_cast<std::size_t>(unnamed), "time") +
+                     " by what the kernel does not name.",
+                 name, "grep -ls " + default_install_root() + " /proc/[0-9]*/maps");
     }
   }
 }

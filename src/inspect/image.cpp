@@ -337,4 +337,10 @@ Image::Changes Image::changes() const {
   return changes;
 }
 
+void Image::look_inside() const {
+  if (chroot(root_.c_str()) != 0 || chdir("/") != 0) {
+    fail_to("look into the image");
+  }
+}
+
 }  // namespace valta::inspect

@@ -58,6 +58,9 @@ class Image {
   /// What has been changed in the image so far, sorted.
   [[nodiscard]] Changes changes() const;
 
+  /// From now on this process sees the image in the place of the host, without a procfs.
+  void look_inside() const;
+
  private:
   struct Layer {
     std::string point;  ///< on the host; empty for the root

@@ -1,6 +1,7 @@
 #include "inspect/installation.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
 
 #include "installer/driver_installer.h"
@@ -12,11 +13,16 @@
 
 namespace valta::inspect {
 namespace fs = std::filesystem;
-Installation read_installation(const std::string& root) {
+namespace {
+
+constexpr std::size_t kNamesShown = 3;
+
+}  // namespace
+Installation read_installation() {
   Installation installation;
   installation.root = default_install_root();
   std::string text;
-  installation.has_manifest = try_read_file(root + kUninstallManifestPath, text);
+  installation.has_manifest = try_read_file(kUninstallManifestPath, text);
   installation.entries = parse_manifest(text);
   for (const ManifestEntry& entry : installation.entries) {
     if (entry.type == "VALTA") {
@@ -28,13 +34,17 @@ Installation read_installation(const std::string& root) {
   return installation;
 }
 
-std::vector<std::string> dkms_trees(const std::string& root) {
+std::string program_in_place(const Installation& installation) {
+  return installation.root + "/bin/valta-driver-uninstaller";
+}
+
+std::vector<std::string> dkms_trees() {
   std::vector<std::string> trees;
   const auto add = [&](const std::string& file, const char* without) {
     DkmsConfig config;
     config.dkms_tree = without;
     std::string text;
-    if (try_read_file(root + file, text)) {
+    if (try_read_file(file, text)) {
       parse_framework_conf(text, config);
     }
     if (!config.dkms_tree.empty() &&
@@ -44,7 +54,7 @@ std::vector<std::string> dkms_trees(const std::string& root) {
   };
   const std::string file = "/etc/dkms/framework.conf";
   add(file, DkmsConfig().dkms_tree.c_str());
-  for (const std::string& name : names_in(root + file + ".d")) {
+  for (const std::string& name : names_in(file + ".d")) {
     if (name.ends_with(".conf")) {
       add(file + ".d/" + name, "");
     }
@@ -52,13 +62,13 @@ std::vector<std::string> dkms_trees(const std::string& root) {
   return trees;
 }
 
-std::vector<std::string> dkms_registrations(const std::string& root) {
+std::vector<std::string> dkms_registrations() {
   std::vector<std::string> versions;
-  for (const std::string& tree : dkms_trees(root)) {
-    for (const std::string& name : names_in(root + tree + "/valta")) {
+  for (const std::string& tree : dkms_trees()) {
+    for (const std::string& name : names_in(tree + "/valta")) {
       const std::string version = tree + "/valta/" + name;
-      const std::string source = root + version + "/source";
-      if (!is_symlink(root + version) && (is_symlink(source) || is_directory(source))) {
+      const std::string source = version + "/source";
+      if (!is_symlink(version) && (is_symlink(source) || is_directory(source))) {
         versions.push_back(version);
       }
     }
@@ -80,6 +90,16 @@ std::vector<std::string> names_in(const std::string& directory) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+std::string some_of(const std::vector<std::string>& names) {
+  std::string text;
+  const std::size_t shown = std::min(names.size(), kNamesShown);
+  for (std::size_t name = 0; name < shown; ++name) {
+    text += (name == 0 ? "" : ", ") + names[name];
+  }
+  return names.size() == shown ? text
+                               : text + " and " + std::to_string(names.size() - shown) + " more";
 }
 
 std::vector<std::string> paths_below(const std::string& directory) {

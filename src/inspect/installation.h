@@ -15,22 +15,27 @@ struct Installation {
   std::vector<std::string> units;  ///< of its SERVICE entries
 };
 
-/// Reads the manifest below `root` ("" for this process's).
-[[nodiscard]] Installation read_installation(const std::string& root);
+/// Reads the manifest.
+[[nodiscard]] Installation read_installation();
 
-/// The versions that DKMS has of the module below `root`, as paths without `root`, in whatever tree
-/// it was told to keep them.
-[[nodiscard]] std::vector<std::string> dkms_registrations(const std::string& root);
+/// Where the program has its own place.
+[[nodiscard]] std::string program_in_place(const Installation& installation);
 
-/// The DKMS trees that the configuration below `root` names: of framework.conf first, the default
-/// if there is none, then those of framework.conf.d.
-[[nodiscard]] std::vector<std::string> dkms_trees(const std::string& root);
+/// The versions that DKMS has of the module, as paths, in whatever tree it was told to keep them.
+[[nodiscard]] std::vector<std::string> dkms_registrations();
+
+/// The trees that the configuration of DKMS names: of framework.conf first, the default if there is
+/// none, then those of framework.conf.d.
+[[nodiscard]] std::vector<std::string> dkms_trees();
 
 /// The names of the driver's modules and of their companions.
 [[nodiscard]] std::vector<std::string> stack_modules();
 
 /// The names in `directory`, sorted; none when it cannot be read.
 [[nodiscard]] std::vector<std::string> names_in(const std::string& directory);
+
+/// The first few of `names`, with commas, and how many more there are.
+[[nodiscard]] std::string some_of(const std::vector<std::string>& names);
 
 /// The paths below `directory`, itself not included, directories too, sorted. What cannot be read
 /// is left out.

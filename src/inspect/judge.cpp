@@ -69,6 +69,9 @@ void take_paths(const std::vector<std::string>& lines, Report& report) {
   for (auto& path : all_between(lines, "Uninstall: ", " Succeed.")) {
     report.removed.push_back({std::move(path), "other"});
   }
+  for (auto& module : all_between(lines, "Successful to uninstall driver ", ".")) {
+    report.unloaded.push_back(std::move(module));
+  }
   const auto keep = [&](std::string_view before, std::string_view after, const char* reason) {
     for (auto& path : all_between(lines, before, after)) {
       report.kept.push_back({std::move(path), reason});
@@ -82,18 +85,34 @@ void take_paths(const std::vector<std::string>& lines, Report& report) {
   keep("Uninstall: ", " not empty skip.", "not-empty");
 }
 
-/// The line that says what went wrong: above "failed in removing.", or the first error.
-std::string first_error(const std::vector<std::string>& lines, const std::string& console) {
+/// The line of `lines` that `fits`, without what stands in front of its message; empty for none.
+template <typename Fits>
+std::string message_of(const std::vector<std::string>& lines, const Fits& fits) {
+  const auto found = std::find_if(lines.begin(), lines.end(), fits);
+  if (found == lines.end()) {
+    return "";
+  }
+  const auto prefix = found->find(": ");
+  const bool has_prefix = found->starts_with("Error: ") || found->starts_with("Warning: ");
+  return has_prefix ? found->substr(found->find_first_not_of(' ', prefix + 1)) : *found;
+}
+
+/// What went wrong: said past the log, above "failed in removing.", or in the first error.
+std::string first_error(const std::vector<std::string>& lines, const Evidence& evidence) {
+  const std::vector<std::string> shown = split(evidence.output + evidence.console, '\n');
   const auto removing = std::find(lines.begin(), lines.end(), kRemovalFailed);
   if (removing != lines.begin() && removing != lines.end()) {
-    return *(removing - 1);
+    const std::string past_log = message_of(shown, [](const auto& line) {
+      return contains(line, "'s handler is not found.") || contains(line, "Error happened in ");
+    });
+    return past_log.empty() ? message_of({*(removing - 1)}, [](const auto&) { return true; })
+                            : past_log;
   }
-  const auto error = std::find_if(lines.begin(), lines.end(),
-                                  [](const auto& line) { return contains(line, kError); });
-  if (error != lines.end()) {
-    return *error;
+  const std::string error =
+      message_of(lines, [](const auto& line) { return contains(line, kError); });
+  if (!error.empty()) {
+    return error;
   }
-  const std::vector<std::string> shown = split(console, '\n');
   return shown.empty() ? "it gave no reason" : shown.back();
 }
 
@@ -110,7 +129,7 @@ struct Verdict {
 /// A run that ended well by its own account.
 Verdict judge_success(const Evidence& evidence, const std::string& log,
                       const std::vector<std::string>& lines, const Report& report) {
-  const std::string error = first_error(lines, "");
+  const std::string error = first_error(lines, evidence);
   if (contains(log, kRemovalFailed)) {
     return {Outcome::failed, "not everything was removed; " + error};
   }
@@ -162,7 +181,7 @@ Verdict judge_run(const Evidence& evidence, const std::vector<std::string>& line
             "the log has no closing line: the run goes on, was cut off, or had no room to log"};
   }
   if (contains(log, "Error: Check utils failed.")) {
-    return {Outcome::nothing_done, first_error(lines, evidence.console)};
+    return {Outcome::nothing_done, first_error(lines, evidence)};
   }
   const bool succeeded = contains(log, kSucceeded);
   if (evidence.status && succeeded != (status == 0)) {
@@ -174,7 +193,7 @@ Verdict judge_run(const Evidence& evidence, const std::vector<std::string>& line
   if (succeeded) {
     return judge_success(evidence, log, lines, report);
   }
-  const std::string error = first_error(lines, evidence.console);
+  const std::string error = first_error(lines, evidence);
   if (status == static_cast<int>(ResultCode::module_busy) ||
       (!evidence.status && contains(error, "busy. The packaged driver"))) {
     return {Outcome::busy, error};
@@ -189,6 +208,7 @@ void judge(const Evidence& evidence, Report& report) {
   const std::vector<std::string> lines = split(evidence.log.value_or(""), '\n');
   report.status = evidence.status;
   report.console = evidence.console;
+  report.output = evidence.output;
   report.log = evidence.log.value_or("");
   take_paths(lines, report);
   auto [outcome, reason] = judge_run(evidence, lines, report);

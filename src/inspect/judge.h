@@ -12,6 +12,7 @@ namespace valta::inspect {
 struct Evidence {
   std::optional<int> status;               ///< if it is known
   std::string console;                     ///< standard error; empty when nobody kept it
+  std::string output;                      ///< standard output, likewise
   std::optional<std::string> log;          ///< none when there is no log
   std::vector<std::string> registrations;  ///< what DKMS still has of the module, as paths
   bool installed = false;                  ///< whether the installation root is there

@@ -21,74 +21,64 @@ namespace valta::inspect {
 namespace fs = std::filesystem;
 namespace {
 
+// The exit statuses of systemctl.
 constexpr int kActive = 0;
+constexpr int kInactive = 3;
 constexpr int kUnknown = 4;
-constexpr std::size_t kNamesShown = 3;
+constexpr int kUntold = 1;
+
+constexpr std::string_view kSources = "/usr/src/valta-";
 
 bool is_there(const std::string& path) {
   return !has_nul(path) && (path_exists(path) || is_symlink(path));
 }
 
-std::string program_in_place(const Installation& installation) {
-  return installation.root + "/bin/valta-driver-uninstaller";
-}
-
 /// What the run gave no reason for is "left"; what it gave one for and is gone by now, no matter.
-void settle_kept(const std::string& root, const Installation& installation, Report& report) {
-  std::erase_if(report.kept, [&](const Kept& kept) { return !is_there(root + kept.path); });
+void settle_kept(const Installation& installation, Report& report) {
+  std::erase_if(report.kept, [&](const Kept& kept) { return !is_there(kept.path); });
   for (const ManifestEntry& entry : installation.entries) {
     const bool names_path =
         entry.type != "VALTA" && entry.type != "SERVICE" && entry.type != "DKMS";
     const bool known = std::any_of(report.kept.begin(), report.kept.end(),
                                    [&](const Kept& kept) { return kept.path == entry.path; });
-    if (names_path && !known && entry.path.starts_with('/') && is_there(root + entry.path)) {
+    if (names_path && !known && entry.path.starts_with('/') && is_there(entry.path)) {
       report.kept.push_back({entry.path, "left"});
     }
   }
 }
 
+std::size_t count_kept(const Report& report, std::string_view reason) {
+  return static_cast<std::size_t>(
+      std::count_if(report.kept.begin(), report.kept.end(),
+                    [&](const Kept& kept) { return kept.reason == reason; }));
+}
+
 void explain_shared(const Installation& installation, Report& report) {
-  const auto count = [&](std::string_view reason) {
-    return std::count_if(report.kept.begin(), report.kept.end(),
-                         [&](const Kept& kept) { return kept.reason == reason; });
-  };
-  if (const auto shared = count("toolkit"); shared > 0) {
+  if (const auto shared = count_kept(report, "toolkit"); shared > 0) {
     report.add("shared-kept", Severity::keeps,
-               std::to_string(shared) +
-                   " shared paths stay for the toolkit. Uninstall it first if it is to go.",
+               counted(shared, "shared path") +
+                   " stay for the toolkit. Uninstall it first if it is to go.",
                installation.root + "/lib64/libcudart.so");
   }
-  if (const auto shared = count("program"); shared > 0) {
+  if (const auto shared = count_kept(report, "program"); shared > 0) {
     report.add("shared-kept", Severity::keeps,
-               std::to_string(shared) +
-                   " shared paths stay for the program in its own place. Move it away and run it "
-                   "from there.",
+               counted(shared, "shared path") +
+                   " stay for the program in its own place. Move it away and run it from there.",
                program_in_place(installation), "mv " + program_in_place(installation) + " /root/");
   }
-  if (const auto left = count("left"); left > 0) {
-    report.add("manifest-left", Severity::keeps,
-               std::to_string(left) + " paths of the manifest are left.", kUninstallManifestPath,
-               std::string("valta-driver-inspect ") + report.verb + " --verbose");
-  }
 }
 
-/// The first of `paths`, and how many more there are, all without the first `prefix` characters.
-std::string names_of_some(const std::vector<std::string>& paths, std::size_t prefix) {
-  std::string text;
-  for (std::size_t path = 0; path < std::min(paths.size(), kNamesShown); ++path) {
-    text += (path == 0 ? "" : ", ") + paths[path].substr(prefix);
-  }
-  const std::size_t more = paths.size() - std::min(paths.size(), kNamesShown);
-  return more == 0 ? text : text + " and " + std::to_string(more) + " more";
+/// Where to run the program again from.
+std::string program_of(const Installation& installation) {
+  const std::string program = program_in_place(installation);
+  return path_exists(program) ? program : "valta-driver-uninstaller";
 }
 
-void explain_kept(const std::string& root, const Kept& kept, Report& report) {
+void explain_kept(const Kept& kept, Report& report) {
   const std::string_view reason = kept.reason;
-  const bool is_unit = kept.path.starts_with("/lib/systemd/system/");
-  if (reason == "changed" && is_unit) {
-    const std::string unit = fs::path(kept.path).stem();
+  if (reason == "changed" && kept.path.starts_with("/lib/systemd/system/")) {
     report.add("unit-changed", Severity::keeps,
-               kept.path + " was changed, so it stays; its unit is disabled and stopped.",
+               kept.path + " was changed, so it stays, while its unit is disabled and stopped.",
                kept.path, "rm " + kept.path + " && systemctl daemon-reload");
   } else if (reason == "changed") {
     report.add("file-changed", Severity::keeps,
@@ -99,47 +89,53 @@ void explain_kept(const std::string& root, const Kept& kept, Report& report) {
                "The md5sum of " + kept.path + " could not be had, so it stays.", kept.path,
                "md5sum '" + kept.path + "'");
   } else if (reason == "not-empty") {
-    const std::vector<std::string> inside = paths_below(root + kept.path);
+    const std::vector<std::string> inside = names_in(kept.path);
     report.add("directory-stays", Severity::keeps,
-               kept.path + (inside.empty()
-                                ? " was not empty when the run came to it, so it stays."
-                                : " stays, as it holds " +
-                                      names_of_some(inside, (root + kept.path).size() + 1) + "."),
+               kept.path + (inside.empty() ? " was not empty when the run came to it, so it stays."
+                                           : " stays, as it holds " + some_of(inside) + "."),
                kept.path, inside.empty() ? "rmdir " + kept.path : "ls -lA " + kept.path);
   }
 }
 
-void look_at_dkms(const std::string& root, Report& report) {
-  for (const std::string& version : dkms_registrations(root)) {
+/// The kernel release in the path of a module.
+std::string kernel_of(const std::string& path) {
+  const std::string release = path.substr(path.find("/modules/") + 9);
+  return release.substr(0, release.find('/'));
+}
+
+void look_at_dkms(Report& report) {
+  if (report.log.find("in side docker") != std::string::npos) {
+    return;  // left to the host
+  }
+  for (const std::string& version : dkms_registrations()) {
     const std::string name = last_component(version);
-    const bool has_sources = is_directory(root + "/usr/src/valta-" + name);
+    const bool has_sources = is_directory(std::string(kSources) + name);
     report.dkms.push_back({name, "registered"});
-    report.add("dkms-registered", Severity::keeps, "DKMS still has valta/" + name + ".", version,
+    report.add("dkms-registered", Severity::keeps, "DKMS has valta/" + name + ".", version,
                has_sources ? "dkms remove valta/" + name + " --all" : "rm -r " + version);
   }
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(root + "/usr/src", ignored)) {
-    const std::string path = entry.path().string().substr(root.size());
-    if (path.starts_with("/usr/src/valta-")) {
-      report.dkms.push_back({path.substr(std::string_view("/usr/src/valta-").size()), "sources"});
-      report.add("dkms-sources", Severity::keeps, "DKMS sources are left.", path, "rm -r " + path);
+  for (const std::string& name : names_in("/usr/src")) {
+    const std::string path = "/usr/src/" + name;
+    if (path.starts_with(kSources)) {
+      report.dkms.push_back({path.substr(kSources.size()), "sources"});
+      report.add("dkms-sources", Severity::keeps, "DKMS sources stay.", path, "rm -r " + path);
     }
   }
   const std::vector<std::string> names = stack_modules();
-  for (const std::string& path : paths_below(root + "/lib/modules/")) {
+  for (const std::string& path : paths_below("/lib/modules/")) {
     const std::string file = last_component(path);
     const std::string name = file.substr(0, file.find('.'));
     if (file.find(".ko") != std::string::npos &&
         std::find(names.begin(), names.end(), name) != names.end()) {
-      report.add("module-built", Severity::keeps, "A built module is left.",
-                 path.substr(root.size()), "rm " + path.substr(root.size()) + " && depmod");
+      report.add("module-built", Severity::keeps, "A built module stays.", path,
+                 "rm " + path + " && depmod " + kernel_of(path));
     }
   }
 }
 
 /// Links in systemd's directory to units of the stack that are gone.
-void look_at_unit_links(const std::string& root, const Installation& installation, Report& report) {
-  for (const std::string& path : paths_below(root + "/etc/systemd/system")) {
+void look_at_unit_links(const Installation& installation, Report& report) {
+  for (const std::string& path : paths_below("/etc/systemd/system")) {
     const std::string name = last_component(path);
     const bool is_ours =
         std::any_of(installation.units.begin(), installation.units.end(), [&](const auto& unit) {
@@ -147,9 +143,9 @@ void look_at_unit_links(const std::string& root, const Installation& installatio
                  (unit.find('@') != std::string::npos &&
                   name.starts_with(unit.substr(0, unit.find('@') + 1)));
         });
-    if (is_ours && is_symlink(path) && unit_files(root, name).empty()) {
-      report.add("unit-link", Severity::keeps, "A link to a unit that is gone is left.",
-                 path.substr(root.size()), "rm " + path.substr(root.size()));
+    if (is_ours && is_symlink(path) && unit_files(name).empty()) {
+      report.add("unit-link", Severity::keeps, "A link to a unit that is gone stays.", path,
+                 "systemctl stop " + name + "; rm " + path);
     }
   }
 }
@@ -168,24 +164,40 @@ int ask_systemd(const std::string& unit) {
                                   const_cast<char* const*>(command.data()), environ) == 0 &&
                      waitpid(child, &status, 0) == child && WIFEXITED(status);
   posix_spawn_file_actions_destroy(&silent);
-  return asked ? WEXITSTATUS(status) : kUnknown;
+  return asked ? WEXITSTATUS(status) : kUntold;
 }
 
 }  // namespace
 
-void look_at_remains(const std::string& root, const Installation& installation, Report& report) {
-  settle_kept(root, installation, report);
+void look_at_remains(const Installation& installation, Report& report) {
+  settle_kept(installation, report);
   explain_shared(installation, report);
-  for (const Kept& kept : report.kept) {
-    explain_kept(root, kept, report);
+  const auto left = count_kept(report, "left");
+  if (left > 0) {
+    report.add("manifest-left", Severity::keeps,
+               counted(left, "path") + " of the manifest stay, as the run did not come to them.",
+               kUninstallManifestPath, program_of(installation));
   }
-  look_at_dkms(root, report);
-  look_at_unit_links(root, installation, report);
+  for (const Kept& kept : report.kept) {
+    explain_kept(kept, report);
+  }
+  look_at_dkms(report);
+  look_at_unit_links(installation, report);
   for (const char* const path : kConfigurationPaths) {
-    if (is_there(root + path)) {
-      report.add("configuration-left", Severity::keeps, "Configuration is left.", path,
+    if (is_there(path)) {
+      report.add("configuration-left", Severity::keeps, "Configuration stays.", path,
                  std::string("rm -r ") + path);
     }
+  }
+}
+
+void tell_to_run_again(const Installation& installation, Report& report) {
+  settle_kept(installation, report);
+  if (!report.kept.empty()) {
+    report.add("run-again", Severity::keeps,
+               counted(report.kept.size(), "path") +
+                   " of the manifest stay. Mend what was in the way, and run the program again.",
+               kUninstallManifestPath, program_of(installation));
   }
 }
 
@@ -195,15 +207,17 @@ void look_at_known_units(const Installation& installation, Report& report) {
   }
   for (const std::string& unit : installation.units) {
     const int status = ask_systemd(unit);
-    if (status == kUnknown) {
-      report.services.push_back({unit, "unknown"});
-      continue;
-    }
     const bool active = status == kActive;
-    report.services.push_back({unit, active ? "active" : "known"});
-    report.add(active ? "unit-active" : "unit-known", Severity::keeps,
-               "systemd still knows " + unit + (active ? ", which is active." : "."), unit,
-               active ? "systemctl disable --now " + unit : "systemctl cat " + unit);
+    const char* const state = active                ? "active"
+                              : status == kInactive ? "known"
+                              : status == kUnknown  ? "unknown"
+                                                    : "untold";
+    report.services.push_back({unit, state});
+    if (active || status == kInactive) {
+      report.add(active ? "unit-active" : "unit-known", Severity::keeps,
+                 "systemd knows " + unit + (active ? ", which is active." : " from a file of it."),
+                 unit, active ? "systemctl disable --now " + unit : "systemctl cat " + unit);
+    }
   }
 }
 

@@ -7,15 +7,16 @@
 
 namespace valta::inspect {
 
-/// Adds to `report` what is left of `installation` below `root` after a run, "" for this host: of
-/// the manifest (`kept`), of DKMS (`dkms`), links of units that are gone, configuration; with a
-/// finding for each and what to type. `report.kept` has the reasons that the run gave.
-///
-/// A run that did not come as far as the manifest has left all of it: that is one finding.
-void look_at_remains(const std::string& root, const Installation& installation, Report& report);
+/// Adds to `report` what is left of `installation` after a run: of the manifest (`kept`, where the
+/// reasons that the run gave stand already), of DKMS (`dkms`), links of units that are gone,
+/// configuration; with a finding for each and what to type.
+void look_at_remains(const Installation& installation, Report& report);
+
+/// The same for a run that stopped before it came to that: all is left, and it has to be run again.
+void tell_to_run_again(const Installation& installation, Report& report);
 
 /// Asks systemd on this host which units of `installation` it still knows, and which are active:
-/// `services`, and a finding for each.
+/// `services`, and a finding for each. Where systemd does not answer, their state is "untold".
 void look_at_known_units(const Installation& installation, Report& report);
 
 /// Tells which of the stack's modules are loaded on this host.

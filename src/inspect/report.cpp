@@ -35,6 +35,8 @@ const char* name_of(Severity severity) {
   }
 }
 
+bool is_before(const Report& report) { return report.verb == std::string_view("before"); }
+
 bool succeeds(Outcome outcome) { return outcome <= Outcome::shared; }
 
 // The objects of the JSON, each in the order in which a reader wants its fields.
@@ -46,6 +48,14 @@ Json states(const std::vector<State>& list, const char* what) {
     array.push_back({{what, item.name}, {"state", item.state}});
   }
   return array;
+}
+
+std::vector<std::string> words_of(const std::vector<State>& list) {
+  std::vector<std::string> words;
+  for (const State& item : list) {
+    words.push_back(item.name + " " + item.state);
+  }
+  return words;
 }
 
 std::string printable(std::string text) {
@@ -105,20 +115,14 @@ class Page {
   bool bold_;
 };
 
-std::string plural(std::size_t count, const std::string& thing) {
-  const std::string ending = thing.ends_with('y') ? "ies" : "s";
-  const std::string stem = thing.ends_with('y') ? thing.substr(0, thing.size() - 1) : thing;
-  return std::to_string(count) + " " + (count == 1 ? thing : stem + ending);
-}
-
 std::string headline(const Report& report) {
-  const bool before = report.verb == std::string_view("before");
+  const bool before = is_before(report);
   const std::string run = before ? "a run now" : "the last run";
   const std::string status = report.status ? " with status " + std::to_string(*report.status) : "";
   const std::string ends = run + (before ? " would end" : " ended") + status;
   switch (report.outcome) {
     case Outcome::done:
-      return ends + ", with all removed that the manifest lists";
+      return ends + ", with nothing left of the manifest";
     case Outcome::clean:
       return ends + ", with nothing there to remove";
     case Outcome::kept:
@@ -140,6 +144,8 @@ std::string headline(const Report& report) {
 }
 
 void print_findings(const Page& page, const Report& report, Severity severity, const char* title) {
+  const auto all = std::count_if(report.findings.begin(), report.findings.end(),
+                                 [&](const Finding& f) { return f.severity == severity; });
   std::string_view last;
   std::size_t repeated = 0;
   bool titled = false;
@@ -153,7 +159,7 @@ void print_findings(const Page& page, const Report& report, Severity severity, c
       continue;
     }
     if (!std::exchange(titled, true)) {
-      page.section(title);
+      page.section((std::string(title) + ": " + std::to_string(all)).c_str());
     }
     if (finding.id != last) {
       close_group();
@@ -186,18 +192,26 @@ std::string totals(const Report& report) {
   std::string text;
   for (const auto& [kind, thing] : kKinds) {
     if (const auto count = of_kind(kind); count > 0) {
-      text += (text.empty() ? "" : ", ") + plural(count, thing);
+      text += (text.empty() ? "" : ", ") + counted(count, thing);
     }
   }
-  text = (text.empty() ? "Nothing" : text) + " removed, " + plural(report.kept.size(), "path") +
-         " of the manifest kept";
+  const char* const would = is_before(report) ? "would be " : "";
+  text = (text.empty() ? "Nothing " : text + " ") + would + "removed; " +
+         counted(report.kept.size(), "path") + " of the manifest " +
+         (is_before(report) ? "would stay" : "left");
   for (const std::string& module : report.unloaded) {
-    text += (&module == report.unloaded.data() ? "; unloaded: " : ", ") + module;
+    text += (&module == report.unloaded.data() ? "; modules unloaded: " : ", ") + module;
   }
   return text + ".";
 }
 
 }  // namespace
+
+std::string counted(std::size_t count, const std::string& thing) {
+  const bool ends_in_y = thing.ends_with('y');
+  const std::string many = ends_in_y ? thing.substr(0, thing.size() - 1) + "ies" : thing + "s";
+  return std::to_string(count) + " " + (count == 1 ? thing : many);
+}
 
 const char* name_of(Outcome outcome) { return kOutcomeNames[static_cast<std::size_t>(outcome)]; }
 
@@ -213,9 +227,12 @@ int exit_status(const Report& report) {
   if (!succeeds(report.outcome)) {
     return 2;
   }
+  const bool all_gone = report.outcome == Outcome::done || report.outcome == Outcome::clean;
+  if (!is_before(report)) {
+    return all_gone ? 0 : 1;
+  }
   const bool stays = std::any_of(report.findings.begin(), report.findings.end(),
                                  [](const auto& f) { return f.severity != Severity::note; });
-  const bool all_gone = report.outcome == Outcome::done || report.outcome == Outcome::clean;
   return all_gone && !stays ? 0 : 1;
 }
 
@@ -265,9 +282,10 @@ void print_text(const Report& report, bool verbose) {
     page.paragraph(report.reason, 2);
   }
   print_findings(page, report, Severity::blocks, "In the way of a good run");
-  print_findings(page, report, Severity::keeps, "What stays");
+  print_findings(page, report, Severity::keeps,
+                 is_before(report) ? "What would stay" : "What stays");
   print_findings(page, report, Severity::note, "Good to know");
-  if (report.outcome != Outcome::unknown) {
+  if (succeeds(report.outcome) || report.outcome == Outcome::failed) {
     std::puts("");
     page.paragraph(totals(report), 0);
   }
@@ -282,6 +300,8 @@ void print_text(const Report& report, bool verbose) {
   page.list("Removed", removed);
   page.list("Written", report.written);
   page.list("Kept", kept);
+  page.list("Services", words_of(report.services));
+  page.list("DKMS", words_of(report.dkms));
   page.list("Standard output", split(report.output, '\n'));
   page.list("Console", split(report.console, '\n'));
   page.list("Log", split(report.log, '\n'));

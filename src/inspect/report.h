@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +19,9 @@ enum class Outcome {
   unfinished,    ///< the run did not come to its end
   unknown,       ///< there is nothing to judge by
 };
+
+/// "1 file", "2 files", "2 directories".
+[[nodiscard]] std::string counted(std::size_t count, const std::string& thing);
 
 /// The word for `outcome` in every output, without blanks.
 [[nodiscard]] const char* name_of(Outcome outcome);
@@ -78,8 +82,8 @@ struct Report {
            std::string command = "");
 };
 
-/// The exit status for `report`: 0, 1 with something that stays, 2 for a run that does not succeed,
-/// 3 when there was nothing to judge by.
+/// The exit status for `report`: 0, 1 for a run that succeeds and keeps something, 2 for one that
+/// does not succeed, 3 when there was nothing to judge by. Of a run to come, findings decide, too.
 [[nodiscard]] int exit_status(const Report& report);
 
 /// Prints `report` for programs: one JSON object, in ASCII, with a line end. Bytes that are not

@@ -91,7 +91,7 @@ int stop(const std::string& unit) {
                  full_unit_name(unit).c_str(), full_unit_name(unit).c_str());
     return kMisused;
   }
-  if (refuses_to_stop("", unit)) {
+  if (refuses_to_stop(unit)) {
     note("refused " + unit);
     std::fprintf(stderr,
                  "Failed to stop %s: Operation refused, unit %s may be requested by "
@@ -99,7 +99,7 @@ int stop(const std::string& unit) {
                  full_unit_name(unit).c_str(), full_unit_name(unit).c_str());
     return kUnknown;
   }
-  if (unit_files("", unit).empty() && !unit.ends_with(".slice")) {
+  if (unit_files(unit).empty() && !unit.ends_with(".slice")) {
     std::fprintf(stderr, "Failed to stop %s: Unit %s not loaded.\n", full_unit_name(unit).c_str(),
                  full_unit_name(unit).c_str());
     return kNotLoaded;
@@ -119,7 +119,7 @@ int tell_status(const std::string& unit) {
   if (noted("refused " + unit)) {
     return kActive;
   }
-  if (unit_files("", unit).empty()) {
+  if (unit_files(unit).empty()) {
     std::fprintf(stderr, "Unit %s could not be found.\n", full_unit_name(unit).c_str());
     return kUnknown;
   }

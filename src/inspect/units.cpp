@@ -24,20 +24,13 @@ constexpr std::array<std::string_view, 11> kUnitTypes = {
     ".automount", ".device", ".mount", ".path",   ".scope", ".service",
     ".slice",     ".socket", ".swap",  ".target", ".timer"};
 
-/// Whether there is something at `path` below `root`, where absolute links start from `root` too.
-bool leads_somewhere(const std::string& root, const std::string& path) {
-  std::error_code none;
-  const fs::path target = fs::read_symlink(root + path, none);
-  return path_exists(target.is_absolute() ? root + target.string() : root + path);
-}
-
-std::vector<std::string> files_called(const std::string& root, const std::string& name) {
+std::vector<std::string> files_called(const std::string& name) {
   std::vector<std::string> files;
   for (const char* const directory : kUnitDirectories) {
-    std::string file = root + directory + "/" + name;
+    std::string file = std::string(directory) + "/" + name;
     std::error_code ignored;
     const bool repeated = !files.empty() && fs::equivalent(files.back(), file, ignored);
-    if (!repeated && leads_somewhere(root, file.substr(root.size()))) {
+    if (!repeated && path_exists(file)) {
       files.push_back(std::move(file));
     }
   }
@@ -73,24 +66,24 @@ bool is_bare_template(const std::string& unit) {
   return full_unit_name(unit).find("@.") != std::string::npos;
 }
 
-std::vector<std::string> unit_files(const std::string& root, const std::string& unit) {
+std::vector<std::string> unit_files(const std::string& unit) {
   const std::string name = full_unit_name(unit);
-  std::vector<std::string> files = files_called(root, name);
+  std::vector<std::string> files = files_called(name);
   const auto at = name.find('@');
   if (files.empty() && at != std::string::npos) {
-    files = files_called(root, name.substr(0, at + 1) + name.substr(name.rfind('.')));
+    files = files_called(name.substr(0, at + 1) + name.substr(name.rfind('.')));
   }
   return files;
 }
 
-bool refuses_to_stop(const std::string& root, const std::string& unit) {
-  const std::vector<std::string> files = unit_files(root, unit);
+bool refuses_to_stop(const std::string& unit) {
+  const std::vector<std::string> files = unit_files(unit);
   if (!files.empty() && says_so(files.front())) {
     return true;
   }
   for (const char* const directory : kUnitDirectories) {
     std::error_code ignored;
-    const std::string drop_ins = root + directory + "/" + full_unit_name(unit) + ".d";
+    const std::string drop_ins = std::string(directory) + "/" + full_unit_name(unit) + ".d";
     for (const auto& drop_in : fs::directory_iterator(drop_ins, ignored)) {
       if (says_so(drop_in.path())) {
         return true;

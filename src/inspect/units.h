@@ -11,13 +11,12 @@ namespace valta::inspect {
 /// Whether `unit` is a template without an instance, as "a@".
 [[nodiscard]] bool is_bare_template(const std::string& unit);
 
-/// The files of `unit` below `root` ("" for this process's), in the order of their precedence, with
-/// `root` in front: in every directory that systemd reads, those of generators too. For an instance
-/// without a file of its own those of its template. A link that leads nowhere is none, as for
-/// systemd.
-[[nodiscard]] std::vector<std::string> unit_files(const std::string& root, const std::string& unit);
+/// The files of `unit`, in the order of their precedence: in every directory that systemd reads,
+/// those of generators too. For an instance without a file of its own those of its template. A link
+/// that leads nowhere is none, as for systemd.
+[[nodiscard]] std::vector<std::string> unit_files(const std::string& unit);
 
-/// Whether `unit`, by its files below `root`, refuses to be stopped by hand.
-[[nodiscard]] bool refuses_to_stop(const std::string& root, const std::string& unit);
+/// Whether `unit`, by its files, refuses to be stopped by hand.
+[[nodiscard]] bool refuses_to_stop(const std::string& unit);
 
 }  // namespace valta::inspect
