@@ -50,13 +50,11 @@ const std::vector<std::string> kWaysToBreak = {kMissing, "exit 1", "kill -KILL $
 struct Tool {
   std::string name;
   std::string path;
-  std::string prepare;              ///< shell commands
-  int status = 0;                   ///< of a run with the broken tool
-  std::map<std::string, int> but;   ///< in these ways of breaking it
-  std::string says_when_failed;     ///< regular expression for the log
-  std::string says_when_succeeded;  ///< the same
-  std::vector<std::string> stays;   ///< whatever the way
-  std::vector<std::string> goes;    ///< the same
+  std::string prepare;             ///< shell commands
+  int status = 0;                  ///< of a run with the broken tool
+  std::map<std::string, int> but;  ///< in these ways of breaking it
+  std::vector<std::string> stays;  ///< whatever the way
+  std::vector<std::string> goes;   ///< the same
 };
 
 void PrintTo(const Tool& tool, std::ostream* stream) { *stream << tool.name; }
@@ -71,10 +69,7 @@ TEST_P(BrokenTool, EndsTheRunWithItsStatusAndCostsNothingUnchecked) {
     host.install_sample();
     host.sh(tool.prepare);
     host.sh(way == kMissing ? "rm " + tool.path : "tool " + tool.path + " '" + way + "'");
-    const Outcome run = host.run();
-    EXPECT_EQ(run.status, tool.but.contains(way) ? tool.but.at(way) : tool.status);
-    EXPECT_THAT(run.log,
-                ContainsRegex(run.status == 0 ? tool.says_when_succeeded : tool.says_when_failed));
+    EXPECT_EQ(host.run().status, tool.but.contains(way) ? tool.but.at(way) : tool.status);
     EXPECT_TRUE(host.has(default_install_root() + "/etc/site.conf"));
     for (const auto& path : tool.stays) {
       EXPECT_TRUE(host.has(path)) << path;
@@ -92,62 +87,48 @@ const std::string kFirstUnit = "/lib/systemd/system/valta-agent.service";
 const std::string kLastUnit = "/lib/systemd/system/valta-y@.service";
 const std::string kRegistration = std::string("/var/lib/dkms/valta/") + kStackVersion;
 const std::string kConfiguration = "/etc/zephanor/settings";
+const std::vector<std::string> kEverything = {kFile, kLink, kLastUnit, kRegistration,
+                                              kConfiguration};
 
-INSTANTIATE_TEST_SUITE_P(
-    Each, BrokenTool,
-    testing::Values(Tool{.name = "rmmod",
-                         .path = "/sbin/rmmod",
-                         .status = 43,
-                         .but = {{kMissing, 0}},
-                         .says_when_failed = "'zvrfs' failed",
-                         .says_when_succeeded = "utility 'rmmod'",
-                         .stays = {kFile, kLink, kLastUnit, kRegistration, kConfiguration}},
-                    Tool{.name = "depmod",
-                         .path = "/sbin/depmod",
-                         .status = 5,
-                         .but = {{kLies, 0}},
-                         .says_when_failed = "Failed to depmod",
-                         .says_when_succeeded = "Successfully",
-                         .goes = {kFile, kLink, kLastUnit, kRegistration, kConfiguration}},
-                    Tool{.name = "md5sum",
-                         .path = "/usr/bin/md5sum",
-                         .says_when_succeeded = "(MD5|md5sum) for .*zvsmi",
-                         .stays = {kFile, kSharedFile, kFirstUnit, kLastUnit},
-                         .goes = {kRegistration, kConfiguration}},
-                    Tool{.name = "dkms",
-                         .path = "/usr/sbin/dkms",
-                         .status = 140,
-                         .but = {{kMissing, 0}, {kLies, 0}},
-                         .says_when_failed = "failed in removing",
-                         .says_when_succeeded = "dkms not|CMD: /usr",
-                         .stays = {kRegistration},
-                         .goes = {kFile, kLink, kLastUnit}},
-                    Tool{.name = "systemctl",
-                         .path = "/usr/bin/systemctl",
-                         .status = 145,
-                         .says_when_failed = "service:valta-agent failed",
-                         .stays = {kLastUnit, kRegistration, kConfiguration},
-                         .goes = {kFile, kLink, kFirstUnit}},
-                    Tool{.name = "systemd_escape",
-                         .path = "/usr/bin/systemd-escape",
-                         .says_when_succeeded = "service:valta-y@0 success",
-                         .goes = {kFile, kLastUnit, kRegistration, kConfiguration}},
-                    Tool{.name = "rm",
-                         .path = "/usr/bin/rm",
-                         .status = 140,
-                         .but = {{kLies, 0}},
-                         .says_when_failed = "remove dkms src",
-                         .says_when_succeeded = "Successfully",
-                         .stays = {kConfiguration},
-                         .goes = {kFile, kLink, kLastUnit, kRegistration}},
-                    Tool{.name = "sh",
-                         .path = "/bin/sh",
-                         .status = 43,
-                         .says_when_failed = "'zvrfs' failed",
-                         .stays = {kFile, kLink, kLastUnit, kRegistration, kConfiguration}},
-                    Tool{.name = "sh_without_a_driver",
-                         .path = "/bin/sh",
-                         .prepare = ": >/proc/modules",
-                         .says_when_succeeded = "(MD5|md5sum) for .*zvsmi",
-                         .stays = {kFile, kSharedFile, kLastUnit, kConfiguration}}),
-    testing::PrintToStringParamName());
+const std::vector<Tool> kTools = {
+    {.name = "rmmod",
+     .path = "/sbin/rmmod",
+     .status = 43,
+     .but = {{kMissing, 0}},
+     .stays = kEverything},
+    {.name = "depmod",
+     .path = "/sbin/depmod",
+     .status = 5,
+     .but = {{kLies, 0}},
+     .goes = kEverything},
+    {.name = "md5sum",
+     .path = "/usr/bin/md5sum",
+     .stays = {kFile, kSharedFile, kFirstUnit, kLastUnit},
+     .goes = {kRegistration, kConfiguration}},
+    {.name = "dkms",
+     .path = "/usr/sbin/dkms",
+     .status = 140,
+     .but = {{kMissing, 0}, {kLies, 0}},
+     .stays = {kRegistration},
+     .goes = {kFile, kLink, kLastUnit}},
+    {.name = "systemctl",
+     .path = "/usr/bin/systemctl",
+     .status = 145,
+     .stays = {kLastUnit, kRegistration, kConfiguration},
+     .goes = {kFile, kLink, kFirstUnit}},
+    {.name = "systemd_escape", .path = "/usr/bin/systemd-escape", .goes = kEverything},
+    {.name = "rm",
+     .path = "/usr/bin/rm",
+     .status = 140,
+     .but = {{kLies, 0}},
+     .stays = {kConfiguration},
+     .goes = {kFile, kLink, kLastUnit, kRegistration}},
+    {.name = "sh", .path = "/bin/sh", .status = 43, .stays = kEverything},
+    {.name = "sh_without_a_driver",
+     .path = "/bin/sh",
+     .prepare = ": >/proc/modules",
+     .stays = {kFile, kSharedFile, kLastUnit, kConfiguration}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, BrokenTool, testing::ValuesIn(kTools),
+                         testing::PrintToStringParamName());

@@ -47,7 +47,7 @@ TEST(RequiredUtilities, ComeFromTheirPackages) {
 
 TEST(ModuleStatus, ComesFromTheFirstLineOfExactlyThatName) {
   const std::string list =
-      "zephanor_x 1 3 -\nmy_zephanor 1 3 -\nzephanor\t8 05 - Live\nzephanor 8 7\nbroken 8\n" +
+      "zephanor_x 1 3 -\nmy_zephanor 1 3 -\nzephanor\t8\t05 - Live\nzephanor 8 7\nbroken 8\n" +
       std::string(1'000'000, 'h') + "\nused 8 10 " + std::string(200'000, 'u') + ", Live 0x0\n";
   const auto status = [&](const std::string& name) { return module_status_in(list, name); };
   EXPECT_EQ(status("zephanor"), ModuleStatus::unreferenced);

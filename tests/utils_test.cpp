@@ -1,6 +1,9 @@
 // The look at the host and the running of its tools, beyond what whole runs show.
 
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <system_error>
 
@@ -15,6 +18,17 @@
 using namespace valta;
 
 using Fields = std::vector<std::string>;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+TEST(Readers, HoldWhatTheyMustOnEveryTextOfTheCorpus) {
+  for (const auto& file : std::filesystem::directory_iterator(VALTA_SOURCE "/fuzz/corpus")) {
+    std::string text;
+    ASSERT_TRUE(read_file(file.path(), text));
+    std::puts(file.path().c_str());  // the target ends the process when something does not hold
+    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+  }
+}
 
 TEST(OsRelease, LastLineThatMatchesWins) {
   OsRelease release{"", "kept"};
@@ -85,7 +99,7 @@ TEST(RequiredUtilities, AreCheckedToTheLastRow) {
 
 TEST(Files, AreReadEachInTheirWay) {
   ThrowawayHost host;
-  host.sh("printf 'ab\\0cd%01019def\\0gh' 7 >/nul; mkdir /d");
+  host.sh("printf 'ab\\0cd%01019def\\0gh' 7 >/nul");
   host.call([] {
     std::string chunked = "x";
     EXPECT_TRUE(read_file_chunked("/nul", chunked));
@@ -97,8 +111,6 @@ TEST(Files, AreReadEachInTheirWay) {
     EXPECT_TRUE(file_has_line_with("/nul", "ef"));
     EXPECT_TRUE(file_has_line_with("/proc/self/cgroup", "us"));
     EXPECT_FALSE(file_has_line_with("/proc/modules", ""));
-    EXPECT_TRUE(read_file("/d", whole));
-    EXPECT_EQ(whole, "");
     testing::internal::CaptureStdout();
     EXPECT_FALSE(read_file_chunked("/proc/none", chunked));
     EXPECT_FALSE(read_file("/none", whole));
@@ -113,15 +125,10 @@ TEST(Files, ThatCannotBeReadAreNotTakenForShorterOnes) {
   EXPECT_EQ(text, "before");
 }
 
-TEST(Files, AreToldFromDirectoriesAndLinks) {
+TEST(Files, AreFoundByPathAndByPattern) {
   ThrowawayHost host;
-  host.sh("file /file; mkdir /d; ln -s /d /link; ln -s /none /broken");
+  host.sh("ln -s /none /broken");
   host.call([] {
-    EXPECT_TRUE(is_directory("/link"));
-    EXPECT_FALSE(is_directory("/file"));
-    EXPECT_TRUE(is_symlink("/link"));
-    EXPECT_TRUE(is_symlink("/broken"));
-    EXPECT_FALSE(is_symlink("/d"));
     EXPECT_FALSE(path_exists("/broken"));
     setenv("HOME", "/usr", 1);
     EXPECT_EQ(glob_paths("~/s[br]*"), (Fields{"/usr/sbin", "/usr/src"}));
