@@ -1,0 +1,37 @@
+#!/bin/sh
+# Rehearses, runs and judges on the host: run.sh PLACE LOG PATH SECONDS STEP...
+#
+# The steps are "rehearse", which may take SECONDS, and "run". PLACE/evidence.tar appears at the
+# very end. The programs get PATH and nothing of the environment of the caller, which comes first in
+# their search path.
+set -u
+umask 077
+place=$1
+log=$2
+path=$3
+seconds=$4
+shift 4
+cd "$place/run" || exit
+echo $$ >pid
+
+run() { env -i PATH="$path" HOME=/root LC_ALL=C "$@"; }
+identify() { stat -c '%i %s %y %z' "$log" 2>/dev/null; }
+
+for step; do
+  case $step in
+    rehearse) run ../valta-driver-inspect before --json --timeout "$seconds" \
+      >before.json 2>before.err ;;
+    run)
+      earlier=$(identify)
+      (umask 022 && run ../valta-driver-uninstaller >stdout 2>stderr </dev/null)
+      echo $? >status
+      # A run without a log of its own would be judged by an earlier one's.
+      [ "$(identify)" != "$earlier" ] || continue
+      cp "$log" log
+      run ../valta-driver-inspect after --json --status "$(cat status)" --console stderr \
+        >after.json 2>after.err
+      echo $? >judged ;;
+  esac
+done
+tar -cf ../evidence.new -- *
+mv ../evidence.new ../evidence.tar

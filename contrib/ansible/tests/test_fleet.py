@@ -1,0 +1,259 @@
+"""Runs the role on a fleet of throwaway hosts: in check mode, for real, and again once they are
+mended. With "-k NAME" the fleet is that host alone."""
+
+import fnmatch
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import sysconfig
+from dataclasses import dataclass, field
+from pathlib import Path
+from types import SimpleNamespace
+
+import pytest
+
+TOP = Path(__file__).parents[3]
+ANSIBLE = TOP / "contrib/ansible"
+BUILD = TOP / "build/release"
+PROGRAMS = ("valta-driver-uninstaller", "valta-driver-inspect")
+VERSION = subprocess.check_output(TOP / "scripts/version", text=True).strip()
+OWN = f"usr/local/valta-{VERSION}/bin"
+LOG = "/var/log/zephanorvalta/driver_uninstaller.log"
+MANIFEST = "var/log/zephanorvalta/uninstall/.driver_uninstall_manifests"
+# What may be left, as patterns of what was there: all of it, what no run removes, and what the role
+# adds for the next run.
+ALL = {"*"}
+REST = {path for path in (TOP / "tests/host/sample.left").read_text().split()
+        if not path.endswith(("site.conf", ".log"))} | {"/usr/local/"}
+ASIDE = {f"/root/valta-uninstall/{program}" for program in PROGRAMS}
+# The copies of the programs that foretell what becomes of modules on a kernel that has none.
+MODULES = {"valta_uninstall_program": f"{BUILD}/faulty-uninstaller",
+           "valta_uninstall_inspect": f"{BUILD}/faulty-inspect"}
+
+
+@dataclass
+class Host:
+    run: tuple  # outcome and exit status
+    prepare: str = ""  # commands of the shell, in the host's root
+    check: str = ""  # the outcome in check mode, where it is another
+    then: str = ""  # the outcome once /mended is there, the driver free, the connection back
+    left: set = field(default_factory=lambda: REST)  # after the run
+    own: bool = False  # runs its own programs
+    cuts: int = 0  # how many commands fail after the run has started
+    reason: str = ""
+    variables: dict = field(default_factory=dict)
+
+
+def wrap(tool, lines):
+    """Puts lines in front of what a scripted tool does."""
+    return f"""printf '%s\\n' '#!/bin/real/sh' '{lines}
+exec /bin/real/{Path(tool).name} "$@"' >{tool}\n"""
+
+
+HOLD = "sed -i 's/^zephanor 8126464 2/zephanor 8126464 3/' proc/modules\n"
+HOSTS = {  # the first one is a batch of its own
+    "away": Host(("unreachable", None), left=ALL, reason="refused", variables={
+        "ansible_connection": "ssh", "ansible_port": 1, "ansible_host": "127.0.0.1"}),
+    "done": Host(("done", 0)),
+    "own": Host(("done", 0), own=True),
+    "kept": Host(("kept", 0), f"""echo changed >'etc/{{{{7*7}}}}'
+sed -i '2i FILE /etc/{{{{7*7}}}} 0' {MANIFEST}""",
+                 left=REST | {"/etc/{{7*7}}"}),
+    "failed": Host(("failed", 5), wrap("sbin/depmod", "exit 1"), left=REST | ASIDE,
+                   variables=MODULES),
+    "clean": Host(("clean", 0), f"{TOP}/tests/host/enter . /valta-driver-uninstaller"),
+    "empty": Host(("failed", None), f"rm -r {OWN}", own=True, left=ALL, reason="host has no /usr"),
+    # The run has deleted the host's own programs when it fails; the next one has nothing to unload
+    # and no file to log.
+    "halted": Host(("failed", 140), wrap("usr/sbin/dkms", "[ -e /mended ] || exit 4"), own=True,
+                   then="clean", left=ASIDE | {
+                       "/etc/dkms/*", "/etc/mod*[es].d/*", "/etc/zephanor/*", "*/hang_watchdog",
+                       "/usr/bin/z*", "/usr/share/z*", "/usr/src/*", "/usr/local/", "/var/*"}),
+    "busy": Host(("busy", 43), HOLD, then="done", left=ALL | ASIDE, variables=MODULES),
+    # The first run has unloaded the companions, and asks for this one the second time too.
+    "freed": Host(("done", 0), "touch held\n" + HOLD + wrap("sbin/rmmod", """
+case $1-$(echo /held*) in
+  zvr_peer_mem_drv-/held) /bin/real/rm /held ;;
+  zvr_peer_mem_drv-*)
+    free=$(sed "s/^\\(zephanor [0-9]*\\) ./\\1 0/" /proc/modules)
+    echo "$free" >/proc/modules ;;
+esac"""), check="busy", variables=MODULES),
+    "found": Host(("done", 0), cuts=3),
+    "lost": Host(("lost", None), check="done", then="done", cuts=10**6, reason="cut .*7.7",
+                 variables={"valta_uninstall_timeout": 6}),
+    "hung": Host(("unfinished", None), then="done",
+                 prepare=wrap("sbin/depmod", "until [ -e /mended ]; do sleep 0.2; done"),
+                 variables={"valta_uninstall_timeout": 8, **MODULES}),
+}
+
+
+def call(*command, **options):
+    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, **options).stdout
+
+
+def everything(directory, *options):
+    what = "%p %y %m %U:%G %s %T@ %C@ %l\n"
+    return call("find", directory, *options, "-printf", what).split("\n")
+
+
+class Fleet:
+    def __init__(self, directory, names):
+        self.directory, self.logs, self.names = directory, directory / "logs/new", names
+        self.hosts = directory / "hosts"
+        self.hosts.mkdir()
+        self.collect_what_modules_need()
+        for name in names:
+            self.lay_out(name, HOSTS[name])
+        self.before = {name: self.left(name) for name in names}
+        (directory / "inventory.json").write_text(json.dumps({"valta_hosts": {"hosts": {
+            name: {"ansible_connection": "host", "ansible_host": f"{self.hosts}/{name}",
+                   "ansible_become": False, "ansible_python_interpreter": "/usr/bin/python3",
+                   "valta_uninstall_program": "" if HOSTS[name].own else f"{BUILD}/{PROGRAMS[0]}",
+                   **HOSTS[name].variables} for name in names}}}))
+
+    def collect_what_modules_need(self):
+        """A Python and a few tools with their libraries, which the hosts share."""
+        bare, python = self.directory / "bare", self.directory / "python"
+        call(TOP / "tests/host/lay-out", bare, BUILD / PROGRAMS[0])
+        call("cp", "sbin/rmmod", "sbin/depmod", "usr/sbin/dkms", "bin/real", cwd=bare)
+        shutil.copy(bare / "bin/real/sh", bare / "bin/sh")  # not the recording one
+        (bare / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/sh\n")
+        stdlib = sysconfig.get_path("stdlib")
+        shutil.copytree(stdlib, python / stdlib[1:], ignore=shutil.ignore_patterns(
+            "test", "idlelib", "dist-packages", "site-packages", "config-*"))
+        (python / "usr/bin").mkdir()
+        files = [shutil.copy(sys.executable, python / "usr/bin/python3"), BUILD / PROGRAMS[1]]
+        for tool in "cat chmod cp dd echo env mv sleep stat tar".split():
+            files.append(shutil.copy(shutil.which(tool), python / "usr/bin"))
+        found = subprocess.run(["ldd", *files, *Path(stdlib).glob("lib-dynload/*.so")],
+                               stdout=subprocess.PIPE, text=True).stdout
+        for library in set(re.findall(r"(/\S+) \(0x", found)):
+            call("install", "-D", library, f"{python}{library}")
+
+    def lay_out(self, name, host):
+        root = self.hosts / name
+        call("cp", "-aT", self.directory / "bare", root)
+        call("cp", "-alT", "--remove-destination", self.directory / "python", root)
+        call(TOP / "tests/host/take-inventory", root)
+        call(TOP / "tests/host/install-sample", root)
+        (root / OWN / "../etc/site.conf").write_text("# site.conf\n")
+        if host.own:
+            inspector = shutil.copy(BUILD / PROGRAMS[1], root / OWN)
+            entry = f"FILE /{OWN}/{PROGRAMS[1]} {call('md5sum', inspector).split()[0]}"
+            call("sed", "-i", f"2i {entry}", root / MANIFEST)
+        call("sh", "-ec", host.prepare, cwd=root, stderr=subprocess.DEVNULL)
+        Path(f"{root}.cuts").write_text(str(host.cuts))
+
+    def left(self, name):
+        return set(call(TOP / "tests/host/list-files", self.hosts / name).split("\n")) - {"", LOG}
+
+    def expand(self, name, patterns):
+        return {path for pattern in patterns
+                for path in fnmatch.filter(self.before[name], pattern) or [pattern]}
+
+    def play(self, *options, **variables):
+        variables = {"valta_uninstall_log_dir": str(self.logs), "valta_uninstall_busy_delay": 1,
+                     "valta_uninstall_busy_retries": 2, "valta_uninstall_poll": 2,
+                     "valta_uninstall_max_failed": "100%", "valta_uninstall_batch": [1, "100%"],
+                     **variables}
+        done = subprocess.run(
+            ["ansible-playbook", "-i", self.directory / "inventory.json", ANSIBLE / "uninstall.yml",
+             "-e", json.dumps(variables), *options], stdout=subprocess.PIPE, text=True, env={
+                 **os.environ, "HOME": str(self.directory), "ANSIBLE_FORKS": "10",
+                 "ANSIBLE_CONNECTION_PLUGINS": str(ANSIBLE / "tests/connection")})
+        print(done.stdout)
+        latest = (self.logs / ("latest-check" if "--check" in options else "latest")).resolve()
+        return SimpleNamespace(
+            status=done.returncode, stdout=done.stdout, evidence=latest,
+            left={name: self.left(name) for name in self.names},
+            **json.loads((latest / "summary.json").read_text()))
+
+
+@pytest.fixture(scope="session")
+def fleet(request, tmp_path_factory):
+    """The hosts that the chosen tests name."""
+    chosen = {name for item in request.session.items if hasattr(item, "callspec")
+              for name in item.callspec.params["name"].split()}
+    return Fleet(tmp_path_factory.mktemp("fleet"), [name for name in HOSTS if name in chosen])
+
+
+@pytest.fixture(scope="session")
+def checked(fleet):
+    # Modules unpack themselves in /tmp, the programs get a place in /root: only times tell.
+    times = ("-regex", r".*/hosts/[^/]*/\(tmp\|root\|dev/null\)", "-o")
+    before = everything(fleet.hosts, *times)
+    play = fleet.play("--check")
+    play.changes = set(before) ^ set(everything(fleet.hosts, *times))
+    return play
+
+
+@pytest.fixture(scope="session")
+def ran(fleet, checked):
+    return fleet.play()
+
+
+@pytest.fixture(scope="session")
+def resumed(fleet, ran):
+    for name in fleet.names:
+        call("sed", "-i", r"s/^\(zephanor [0-9]*\) ./\1 0/",
+             fleet.hosts / name / "proc/modules")
+        (fleet.hosts / name / "mended").touch()
+        Path(f"{fleet.hosts}/{name}.cuts").write_text("0")
+    before = everything(ran.evidence)
+    play = fleet.play("--limit", f"@{ran.evidence}/again")
+    play.changes = set(before) ^ set(everything(ran.evidence))
+    return play
+
+
+@pytest.mark.parametrize("name", HOSTS)
+def test_host(fleet, checked, ran, resumed, name):
+    host, record = HOSTS[name], ran.hosts[name]
+    assert checked.hosts[name]["outcome"] == (host.check or host.run[0])
+    assert (record["outcome"], record["status"]) == host.run
+    assert re.search(host.reason, record["reason"])
+    left = ran.left[name]
+    if host.run[0] in ("lost", "unfinished"):  # the run still has its place
+        left = {path for path in left if not path.startswith(("/root/", "/tmp/"))}
+    assert left == fleet.expand(name, host.left)
+    if record["status"] is not None:
+        kept = {file.name: file.read_bytes() for file in Path(record["evidence"]).iterdir()}
+        assert kept["before.json"] and kept["after.json"]
+        assert kept["log"].endswith(LOG.encode() + b"\n")
+    assert resumed.hosts[name]["outcome"] == (host.then or host.run[0])
+    if host.then:
+        assert resumed.left[name] == fleet.expand(name, REST) | {"/mended"}
+
+
+def test_neither_check_mode_nor_a_later_play_changes_what_is_there(checked, resumed):
+    assert not checked.changes
+    assert not resumed.changes
+
+
+@pytest.mark.parametrize("name", ["failed clean"])
+def test_brake(fleet, name):
+    play = fleet.play("--limit", "failed,clean", valta_uninstall_batch=1,
+                      valta_uninstall_max_failed=[0, "10%"])
+    assert play.status == 2
+    assert play.hosts["failed"]["outcome"] == "failed"
+    assert play.hosts["clean"]["outcome"] == "not-started"
+
+
+@pytest.mark.parametrize("name", ["done"])
+def test_a_host_that_is_clean_does_not_change(fleet, ran, name):
+    fleet.logs = fleet.directory / "logs/second"
+    play = fleet.play("--limit", name)
+    assert (play.status, play.hosts[name]["outcome"]) == (0, "clean")
+    assert re.search(r"done .* changed=1 ", ran.stdout)
+    assert re.search(r"done .* changed=0 ", play.stdout)
+
+
+def test_galaxy_takes_the_collection_and_the_role(tmp_path):
+    call("sh", "-ec", f"""ansible-galaxy collection build {ANSIBLE}
+ansible-galaxy collection install --offline valta-driver-*.tar.gz
+ansible-playbook --syntax-check -i localhost, valta.driver.uninstall
+tar -C {ANSIBLE}/roles -czf role.tar.gz valta_uninstall
+ansible-galaxy role install -p roles role.tar.gz
+test -e roles/*/tasks/main.yml""", cwd=tmp_path, env={**os.environ, "HOME": str(tmp_path)})
