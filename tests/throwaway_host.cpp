@@ -1,5 +1,6 @@
 #include "throwaway_host.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -175,12 +176,10 @@ pid_t ThrowawayHost::start_inspecting(const std::string& verb) {
 }
 
 bool ThrowawayHost::is_inhabited() const {
-  for (const auto& process : fs::directory_iterator("/proc")) {
-    if (contents(process.path() / "environ").find("HOST=" + scratch_) != std::string::npos) {
-      return true;
-    }
-  }
-  return false;
+  const fs::directory_iterator processes("/proc");
+  return std::any_of(begin(processes), end(processes), [&](const auto& process) {
+    return contents(process.path() / "environ").find("HOST=" + scratch_) != std::string::npos;
+  });
 }
 
 Outcome ThrowawayHost::run(const Circumstances& circumstances) {
@@ -188,7 +187,8 @@ Outcome ThrowawayHost::run(const Circumstances& circumstances) {
   std::ofstream(root_ + "/run/commands") << "0\n";
   std::string environment = " -e PATH=/usr/bin:/bin -e " + circumstances.variable;
   if (!circumstances.fault.empty()) {
-    put_faulty_programs();
+    fs::copy_file(VALTA_FAULTY_PROGRAM, root_ + "/valta-driver-uninstaller",
+                  fs::copy_options::overwrite_existing);
     environment += " -e FAULT=" + circumstances.fault;
   }
   const std::string output = scratch_ + "/output";

@@ -338,7 +338,8 @@ Image::Changes Image::changes() const {
 }
 
 void Image::look_inside() const {
-  if (chroot(root_.c_str()) != 0 || chdir("/") != 0) {
+  if (mount("/proc", (root_ + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0 ||
+      chroot(root_.c_str()) != 0 || chdir("/") != 0) {
     fail_to("look into the image");
   }
 }

@@ -58,7 +58,8 @@ class Image {
   /// What has been changed in the image so far, sorted.
   [[nodiscard]] Changes changes() const;
 
-  /// From now on this process sees the image in the place of the host, without a procfs.
+  /// From now on this process sees the files of the image in the place of the host's, but for
+  /// /proc.
   void look_inside() const;
 
  private:

@@ -108,8 +108,7 @@ std::string first_error(const std::vector<std::string>& lines, const Evidence& e
     return past_log.empty() ? message_of({*(removing - 1)}, [](const auto&) { return true; })
                             : past_log;
   }
-  const std::string error =
-      message_of(lines, [](const auto& line) { return contains(line, kError); });
+  std::string error = message_of(lines, [](const auto& line) { return contains(line, kError); });
   if (!error.empty()) {
     return error;
   }

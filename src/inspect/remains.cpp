@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
-#include <filesystem>
 #include <map>
 #include <spawn.h>
 #include <string_view>
@@ -18,7 +17,6 @@
 #include "utils/text.h"
 
 namespace valta::inspect {
-namespace fs = std::filesystem;
 namespace {
 
 // The exit statuses of systemctl.

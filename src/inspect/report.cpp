@@ -52,6 +52,7 @@ Json states(const std::vector<State>& list, const char* what) {
 
 std::vector<std::string> words_of(const std::vector<State>& list) {
   std::vector<std::string> words;
+  words.reserve(list.size());
   for (const State& item : list) {
     words.push_back(item.name + " " + item.state);
   }

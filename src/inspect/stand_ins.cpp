@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -61,8 +62,9 @@ int rmmod(const std::vector<std::string>& arguments) {
 
 /// The host's own tool behind the stand-in of its name; empty when there is none.
 std::string real_tool(const std::string& name) {
-  for (const std::string& directory : split(getenv("PATH"), ':')) {
-    const std::string candidate = directory + "/" + name;
+  const char* const path = std::getenv("PATH");
+  for (const std::string& directory : split(path == nullptr ? "" : path, ':')) {
+    std::string candidate = directory + "/" + name;
     if (directory != Image::kToolDirectory && path_exists(candidate) && is_executable(candidate)) {
       return candidate;
     }

@@ -1,5 +1,6 @@
 #include "inspect/units.h"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <string_view>
@@ -42,13 +43,11 @@ bool says_so(const std::string& file) {
   if (!try_read_file(file, text)) {
     return false;
   }
-  for (const std::string& line : split(text, '\n')) {
+  const std::vector<std::string> lines = split(text, '\n');
+  return std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
     const auto value = value_after(line, "RefuseManualStop=");
-    if (value && (*value == "yes" || *value == "true" || *value == "on" || *value == "1")) {
-      return true;
-    }
-  }
-  return false;
+    return value && (*value == "yes" || *value == "true" || *value == "on" || *value == "1");
+  });
 }
 
 }  // namespace
