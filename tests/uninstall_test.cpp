@@ -24,6 +24,11 @@ ResultCode process(const std::string& manifest) {
 
 }  // namespace
 
+TEST(Manifest, FieldsAreTakenToTheLetter) {
+  EXPECT_EQ(parse_manifest("SERVICE u  \n").at(0).digest, "");
+  EXPECT_EQ(parse_manifest("FILE /a 01\r\n").at(0).digest, "01\r");
+}
+
 TEST(Manifest, IsWrittenIntoNewDirectoriesAndReadBack) {
   ThrowawayHost host;
   host.call([] {
