@@ -55,7 +55,7 @@ exec /bin/real/{Path(tool).name} "$@"' >{tool}\n"""
 
 HOLD = "sed -i 's/^zephanor 8126464 2/zephanor 8126464 3/' proc/modules\n"
 HOSTS = {  # the first one is a batch of its own
-    "away": Host(("unreachable", None), left=ALL, reason="refused", variables={
+    "away": Host(("unreachable", None), left=ALL, reason="127.0.0.1", variables={
         "ansible_connection": "ssh", "ansible_port": 1, "ansible_host": "127.0.0.1"}),
     "done": Host(("done", 0)),
     "own": Host(("done", 0), own=True),
