@@ -172,7 +172,7 @@ class Fleet:
             **json.loads((latest / "summary.json").read_text()))
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def fleet(request, tmp_path_factory):
     """The hosts that the chosen tests name."""
     chosen = {name for item in request.session.items if hasattr(item, "callspec")
@@ -180,7 +180,7 @@ def fleet(request, tmp_path_factory):
     return Fleet(tmp_path_factory.mktemp("fleet"), [name for name in HOSTS if name in chosen])
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def checked(fleet):
     # Modules unpack themselves in /tmp, the programs get a place in /root: only times tell.
     times = ("-regex", r".*/hosts/[^/]*/\(tmp\|root\|dev/null\)", "-o")
@@ -190,12 +190,12 @@ def checked(fleet):
     return play
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def ran(fleet, checked):
     return fleet.play()
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def resumed(fleet, ran):
     for name in fleet.names:
         call("sed", "-i", r"s/^\(zephanor [0-9]*\) ./\1 0/",
