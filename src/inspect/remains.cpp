@@ -54,14 +54,14 @@ std::size_t count_kept(const Report& report, std::string_view reason) {
 void explain_shared(const Installation& installation, Report& report) {
   if (const auto shared = count_kept(report, "toolkit"); shared > 0) {
     report.add("shared-kept", Severity::keeps,
-               counted(shared, "shared path") +
-                   " stay for the toolkit. Uninstall it first if it is to go.",
+               "Kept for the toolkit: " + counted(shared, "shared path") +
+                   ". Uninstall it first if it is to go.",
                installation.root + "/lib64/libcudart.so");
   }
   if (const auto shared = count_kept(report, "program"); shared > 0) {
     report.add("shared-kept", Severity::keeps,
-               counted(shared, "shared path") +
-                   " stay for the program in its own place. Move it away and run it from there.",
+               "Kept for the program in its own place: " + counted(shared, "shared path") +
+                   ". Move it away and run it from there.",
                program_in_place(installation), "mv " + program_in_place(installation) + " /root/");
   }
 }
@@ -173,7 +173,7 @@ void look_at_remains(const Installation& installation, Report& report) {
   const auto left = count_kept(report, "left");
   if (left > 0) {
     report.add("manifest-left", Severity::keeps,
-               counted(left, "path") + " of the manifest stay, as the run did not come to them.",
+               "The run did not come to " + counted(left, "path") + " of the manifest.",
                kUninstallManifestPath, program_of(installation));
   }
   for (const Kept& kept : report.kept) {
@@ -193,8 +193,8 @@ void tell_to_run_again(const Installation& installation, Report& report) {
   settle_kept(installation, report);
   if (!report.kept.empty()) {
     report.add("run-again", Severity::keeps,
-               counted(report.kept.size(), "path") +
-                   " of the manifest stay. Mend what was in the way, and run the program again.",
+               "The run left " + counted(report.kept.size(), "path") +
+                   " of the manifest. Mend what was in the way, and run the program again.",
                kUninstallManifestPath, program_of(installation));
   }
 }
