@@ -88,8 +88,8 @@ void put_stand_ins_first(const char* path) {
          1);
 }
 
-/// Becomes the program.
-[[noreturn]] void start(const std::string& program, int output, int console) {
+/// What the program needs before it takes the place of this process.
+[[noreturn]] void become_program(const std::string& program, int output, int console) {
   drop_privileges();
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (dup2(nothing, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
@@ -115,7 +115,7 @@ pid_t fork_into_namespace() {
     image.enter();
     const pid_t child = fork();
     if (child == 0) {
-      start(program, output, console);
+      become_program(program, output, console);
     }
     while (wait(&message.wait_status) != child) {
     }
