@@ -214,7 +214,10 @@ std::string counted(std::size_t count, const std::string& thing) {
   return std::to_string(count) + " " + (count == 1 ? thing : many);
 }
 
-const char* name_of(Outcome outcome) { return kOutcomeNames[static_cast<std::size_t>(outcome)]; }
+const char* name_of(Outcome outcome) {
+  const char* const name = kOutcomeNames[static_cast<std::size_t>(outcome)];
+  return name;
+}
 
 void Report::add(const char* id, Severity severity, std::string text, std::string where,
                  std::string command) {
