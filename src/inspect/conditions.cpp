@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kManifest = kUninstallManifestPath;
-const std::string kSourcePrefix = "/usr/src/valta-";
 
 std::string editor_at(std::size_t line) { return "vi +" + std::to_string(line) + " " + kManifest; }
 
@@ -272,10 +271,9 @@ void look_at_trust(Report& report) {
       if (std::find(seen.begin(), seen.end(), part) == seen.end() &&
           stat(part.c_str(), &status) == 0 &&
           (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
-        report.add(
-            "trust", Severity::note,
-            "Others than root may write here, and thereby decide what root deletes.", part,
-            status.st_uid == 0 ? "chmod go-w " + part.string() : "chown root " + part.string());
+        report.add("trust", Severity::note,
+                   "Others than root may write here, and thereby decide what root deletes.", part,
+                   "ls -ld " + part.string());
       }
       seen.push_back(part);
       if (!part.has_relative_path()) {
@@ -288,7 +286,7 @@ void look_at_trust(Report& report) {
 void look_at_unseen(Report& report) {
   std::vector<std::string> paths(kConfigurationPaths.begin(), kConfigurationPaths.end());
   for (const std::string& version : dkms_registrations()) {
-    paths.push_back(kSourcePrefix + last_component(version));
+    paths.push_back(std::string(kSourcePrefix) + last_component(version));
   }
   for (const std::string& path : paths) {
     if (!path_exists(path) && !is_symlink(path)) {

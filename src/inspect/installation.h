@@ -1,11 +1,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "uninstall/manifest.h"
 
 namespace valta::inspect {
+
+/// Where the stack's installer unpacks the sources of a version for DKMS.
+inline constexpr std::string_view kSourcePrefix = "/usr/src/valta-";
 
 /// What the uninstall manifest says, for those who look without handling it.
 struct Installation {

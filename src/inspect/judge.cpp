@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <map>
+#include <set>
 #include <string_view>
 
 #include "log/log.h"
@@ -51,6 +52,7 @@ std::size_t count(std::string_view text, std::string_view part) {
 std::vector<std::string> all_between(const std::vector<std::string>& lines, std::string_view before,
                                      std::string_view after) {
   std::vector<std::string> found;
+  std::set<std::string> seen;
   for (const std::string& line : lines) {
     const auto start = line.find(before);
     const auto end = start == std::string::npos ? start : line.rfind(after);
@@ -58,7 +60,7 @@ std::vector<std::string> all_between(const std::vector<std::string>& lines, std:
       continue;
     }
     std::string text = line.substr(start + before.size(), end - start - before.size());
-    if (std::find(found.begin(), found.end(), text) == found.end()) {
+    if (seen.insert(text).second) {
       found.push_back(std::move(text));
     }
   }

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
-#include <map>
+#include <set>
 #include <spawn.h>
 #include <string_view>
 #include <sys/wait.h>
@@ -19,14 +19,6 @@
 namespace valta::inspect {
 namespace {
 
-// The exit statuses of systemctl.
-constexpr int kActive = 0;
-constexpr int kInactive = 3;
-constexpr int kUnknown = 4;
-constexpr int kUntold = 1;
-
-constexpr std::string_view kSources = "/usr/src/valta-";
-
 bool is_there(const std::string& path) {
   return !has_nul(path) && (path_exists(path) || is_symlink(path));
 }
@@ -34,12 +26,15 @@ bool is_there(const std::string& path) {
 /// What the run gave no reason for is "left"; what it gave one for and is gone by now, no matter.
 void settle_kept(const Installation& installation, Report& report) {
   std::erase_if(report.kept, [&](const Kept& kept) { return !is_there(kept.path); });
+  std::set<std::string> known;
+  for (const Kept& kept : report.kept) {
+    known.insert(kept.path);
+  }
   for (const ManifestEntry& entry : installation.entries) {
     const bool names_path =
         entry.type != "VALTA" && entry.type != "SERVICE" && entry.type != "DKMS";
-    const bool known = std::any_of(report.kept.begin(), report.kept.end(),
-                                   [&](const Kept& kept) { return kept.path == entry.path; });
-    if (names_path && !known && entry.path.starts_with('/') && is_there(entry.path)) {
+    if (names_path && entry.path.starts_with('/') && is_there(entry.path) &&
+        known.insert(entry.path).second) {
       report.kept.push_back({entry.path, "left"});
     }
   }
@@ -107,15 +102,15 @@ void look_at_dkms(Report& report) {
   }
   for (const std::string& version : dkms_registrations()) {
     const std::string name = last_component(version);
-    const bool has_sources = is_directory(std::string(kSources) + name);
+    const bool has_sources = is_directory(std::string(kSourcePrefix) + name);
     report.dkms.push_back({name, "registered"});
     report.add("dkms-registered", Severity::keeps, "DKMS has valta/" + name + ".", version,
                has_sources ? "dkms remove valta/" + name + " --all" : "rm -r " + version);
   }
   for (const std::string& name : names_in("/usr/src")) {
     const std::string path = "/usr/src/" + name;
-    if (path.starts_with(kSources)) {
-      report.dkms.push_back({path.substr(kSources.size()), "sources"});
+    if (path.starts_with(kSourcePrefix)) {
+      report.dkms.push_back({path.substr(kSourcePrefix.size()), "sources"});
       report.add("dkms-sources", Severity::keeps, "DKMS sources stay.", path, "rm -r " + path);
     }
   }
@@ -162,7 +157,7 @@ int ask_systemd(const std::string& unit) {
                                   const_cast<char* const*>(command.data()), environ) == 0 &&
                      waitpid(child, &status, 0) == child && WIFEXITED(status);
   posix_spawn_file_actions_destroy(&silent);
-  return asked ? WEXITSTATUS(status) : kUntold;
+  return asked ? WEXITSTATUS(status) : kMisused;
 }
 
 }  // namespace

@@ -19,13 +19,6 @@
 namespace valta::inspect {
 namespace {
 
-// The exit statuses of systemctl.
-constexpr int kActive = 0;
-constexpr int kMisused = 1;
-constexpr int kInactive = 3;
-constexpr int kUnknown = 4;
-constexpr int kNotLoaded = 5;
-
 std::string state_file(const char* name) { return std::string(Image::kToolDirectory) + "/" + name; }
 
 void note(const std::string& deed) {
