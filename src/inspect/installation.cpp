@@ -18,6 +18,7 @@ namespace {
 constexpr std::size_t kNamesShown = 3;
 
 }  // namespace
+
 Installation read_installation() {
   Installation installation;
   installation.root = default_install_root();

@@ -71,7 +71,7 @@ void explain_kept(const Kept& kept, Report& report) {
   const std::string_view reason = kept.reason;
   if (reason == "changed" && kept.path.starts_with("/lib/systemd/system/")) {
     report.add("unit-changed", Severity::keeps,
-               kept.path + " was changed, so it stays, while its unit is disabled and stopped.",
+               kept.path + " counts as changed, so it stays; its unit is disabled and stopped.",
                kept.path, "rm " + kept.path + " && systemctl daemon-reload");
   } else if (reason == "changed") {
     report.add("file-changed", Severity::keeps,
@@ -104,7 +104,7 @@ void look_at_dkms(Report& report) {
     const std::string name = last_component(version);
     const bool has_sources = is_directory(std::string(kSourcePrefix) + name);
     report.dkms.push_back({name, "registered"});
-    report.add("dkms-registered", Severity::keeps, "DKMS has valta/" + name + ".", version,
+    report.add("dkms-registered", Severity::keeps, "DKMS keeps valta/" + name + ".", version,
                has_sources ? "dkms remove valta/" + name + " --all" : "rm -r " + version);
   }
   for (const std::string& name : names_in("/usr/src")) {
@@ -168,7 +168,7 @@ void look_at_remains(const Installation& installation, Report& report) {
   const auto left = count_kept(report, "left");
   if (left > 0) {
     report.add("manifest-left", Severity::keeps,
-               "The run did not come to " + counted(left, "path") + " of the manifest.",
+               "The run ends before it comes to " + counted(left, "path") + " of the manifest.",
                kUninstallManifestPath, program_of(installation));
   }
   for (const Kept& kept : report.kept) {

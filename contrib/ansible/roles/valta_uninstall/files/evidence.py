@@ -28,8 +28,6 @@ OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "
 FAILED = OUTCOMES[:5]
 # Runs of these are tried, or looked for, once more in the same play.
 AGAIN = ("busy", "lost", "unfinished")
-# Of a finding, what is shown.
-WORDS = ("text", "where", "do")
 ADVICE = {
     "busy": "stop what uses the driver",
     "lost": "the run may be going on: the next play finds it again and judges it",
@@ -41,6 +39,12 @@ ADVICE = {
 def plain(value):
     text = value if isinstance(value, str) else ""
     return "".join(c if " " <= c <= "~" else "?" for c in text.strip())[:400]
+
+
+def sentence(finding):
+    """The finding in a line: the place is told if the text does not name it."""
+    text, where, do = (plain(finding.get(key)) for key in ("text", "where", "do"))
+    return ": ".join(filter(None, (text, "" if where in text else where, do)))
 
 
 def read(*path):
@@ -113,7 +117,7 @@ class Play:
             "outcome": outcome if outcome in OUTCOMES else "unknown",
             "status": status if isinstance(status, int) else None,
             "reason": plain(reason) or "%d paths removed" % len(removed),
-            "blocks": [": ".join(filter(None, (plain(item.get(key)) for key in WORDS)))
+            "blocks": [sentence(item)
                        for item in objects(found, "findings") or objects(rehearsal, "findings")
                        if item.get("severity") == "blocks"],
             "stays": ["%s (%s)" % (plain(item.get("path")), plain(item.get("reason")))
