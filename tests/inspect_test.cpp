@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <gmock/gmock.h>
+#include <regex>
 #include <set>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -14,7 +15,10 @@
 #include "inspect/mounts.h"
 #include "situations.h"
 #include "throwaway_host.h"
+#include "uninstall/install_root.h"
 #include "uninstall/manifest.h"
+#include "utils/files.h"
+#include "utils/text.h"
 
 using namespace valta;
 using testing::Contains;
@@ -83,6 +87,8 @@ TEST_P(Foretells, TheRunAndChangesNothing) {
   EXPECT_EQ(foretold.report["outcome"], GetParam().outcome);
   if (!GetParam().finding.empty()) {
     EXPECT_THAT(all_of(foretold.report["findings"], "id"), Contains(GetParam().finding));
+  } else if (GetParam().outcome == "done") {
+    EXPECT_EQ(foretold.status, 0);
   }
 
   // What a run came to is judged as it was foretold to be judged.
@@ -134,14 +140,15 @@ TEST_F(Inspect, FindsWhatIsOddAboutAHost) {
       "file /etc/dkms/framework.conf.d/x.conf dkms_tree=/elsewhere; "
       "file /elsewhere/valta/1/source/a; file /usr/src/valta-1/dkms.conf; "
       "ln -s /missing /etc/systemd/system/x.wants/gone.service; : >/run/active/copied; "
-      "file /lib/modules/6.1/updates/zvrfs.ko.xz; file /not-compared; file /last; "
+      "file /lib/modules/6.1/updates/zvrfs.ko.xz; file /not-compared; file /last; file /no-digest; "
       "file /v/lib64/libcudart.so; file /v/shared; rm /usr/bin/md5sum; file /etc/zephanor/x; "
       "mkdir /opt; ln -s /usr/sbin/dkms /opt/dkms");
-  host.manifest({"VALTA /v", "DIR /usr/src/valta-1 ", "DKMS latest", "RFILE /v/shared " + kEmpty,
-                 "FILE relative " + kEmpty, "FILE /quote'd " + kEmpty, "FILE /no-digest",
-                 "FILE /a blank " + kEmpty, "FILE /not-compared x", "SERVICE masked  ",
-                 "SERVICE copied x", "SERVICE refusing x", "SERVICE t@ x", "SERVICE t@0 x",
-                 "SERVICE gone x", "FILE /last x", "unknown"});
+  host.manifest({"VALTA /v", "FILE /usr/src/valta-1/dkms.conf x", "DKMS latest",
+                 "DIR /usr/src/valta-1 ", "RFILE /v/shared " + kEmpty, "FILE relative " + kEmpty,
+                 "FILE /quote'd " + kEmpty, "FILE /no-digest", "FILE /a blank " + kEmpty,
+                 "FILE /not-compared x", "SERVICE masked  ", "SERVICE copied x",
+                 "SERVICE refusing x", "SERVICE t@ x", "SERVICE t@0 x", "SERVICE gone x",
+                 "FILE /last x", "unknown"});
   const Inspection foretold = host.inspect("before", "/opt:/usr/bin:/bin");
   EXPECT_EQ(foretold.status, 2);
   EXPECT_THAT(all_of(foretold.report["findings"], "id"),
@@ -155,7 +162,7 @@ TEST_F(Inspect, FindsWhatIsOddAboutAHost) {
       lines.insert(where.substr(where.rfind(':') + 1));
     }
   }
-  EXPECT_EQ(lines, (Names{"5", "6", "7", "8", "10", "17"}));
+  EXPECT_EQ(lines, (Names{"6", "7", "8", "9", "11", "18"}));
 
   EXPECT_EQ(host.run().status, 145);
   host.load_module("zvrfs");
@@ -171,7 +178,8 @@ TEST_F(Inspect, FindsWhatIsOddAboutAHost) {
 TEST_F(Inspect, CrossesFileSystemsAndSaysWhereItCannot) {
   host.load_module("zephanor");
   host.sh(
-      "mkdir /o:d,d /layers /deep; file /plain/mounts '"
+      "mkdir /o:d,d /layers /deep /kernel; file /tmp/file; file /plain/mounts '"
+      "mount --rbind proc kernel; mount -t tmpfs none kernel/fs; "
       "mount -t tmpfs none o:d,d; : >o:d,d/file; "
       "mount -t tmpfs none layers; mkdir layers/a layers/b layers/c; : >layers/a/file; "
       "mount -t overlay none -o lowerdir=layers/a:layers/b layers/c; "
@@ -180,10 +188,11 @@ TEST_F(Inspect, CrossesFileSystemsAndSaysWhereItCannot) {
       "mount -t tmpfs -o size=64k,mode=755 none var/log/zephanorvalta; "
       "mkdir var/log/zephanorvalta/uninstall; mv layers/.d* var/log/zephanorvalta/uninstall; "
       "cat /dev/zero >var/log/zephanorvalta/full 2>/dev/null || :'");
-  host.manifest({"FILE /o:d,d/file " + kEmpty, "FILE /deep/file " + kEmpty});
+  host.manifest(
+      {"FILE /o:d,d/file " + kEmpty, "FILE /tmp/file " + kEmpty, "FILE /deep/file " + kEmpty});
   const Inspection foretold = host.inspect("before");
   EXPECT_EQ(foretold.report["status"], 141);
-  EXPECT_EQ(all_of(foretold.report["removed"], "path"), Names{"/o:d,d/file"});
+  EXPECT_EQ(all_of(foretold.report["removed"], "path"), (Names{"/o:d,d/file", "/tmp/file"}));
   EXPECT_EQ(all_of(foretold.report["findings"], "id"),
             (Names{"log-full", "manifest-left", "uncertain"}));
 }
@@ -195,6 +204,30 @@ TEST_F(Inspect, EndsARehearsalThatHangsAndSaysOnWhat) {
   EXPECT_EQ(foretold.status, 2);
   EXPECT_EQ(foretold.report["outcome"], "unfinished");
   EXPECT_THAT(all_of(foretold.report["findings"], "where"), Contains(HasSubstr("md5sum /fifo")));
+}
+
+TEST_F(Inspect, GivesTheProgramNoWayToTheHostAndNoLogOfAnother) {
+  host.sh("file " + kLog + " '" + kSucceeded + "'; tool /usr/sbin/dkms '" +
+          "sed -n s/^CapEff:.//p /proc/self/status; sed -n s/^NoNewPrivs:.//p /proc/self/status; "
+          "[ ! -e /proc/self/fd/5 ] || echo open'");
+  const Inspection foretold = host.inspect("before --program /usr/sbin/dkms");
+  EXPECT_EQ(foretold.report["output"], "000000000000001b\n1\n");
+  EXPECT_EQ(foretold.report["outcome"], "unknown");
+}
+
+TEST_F(Inspect, PrintsThePagesOfTheReadme) {
+  host.install_sample();
+  std::string readme;
+  read_file(VALTA_SOURCE "/README.md", readme);
+  for (const std::string verb : {"before", "after"}) {
+    const std::string page = host.inspect(verb, "/usr/bin:/bin", "").page;
+    std::string shown = "    $ valta-driver-inspect " + verb + "\n";
+    for (const std::string& line : split(page, '\n')) {
+      shown += (line.empty() ? "" : "    " + line) + "\n";
+    }
+    EXPECT_THAT(readme, HasSubstr(std::regex_replace(shown, std::regex(kStackVersion), "VERSION")));
+    host.run();
+  }
 }
 
 TEST_F(Inspect, LeavesNothingBehindWhenKilled) {

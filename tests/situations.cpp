@@ -14,6 +14,9 @@ const std::string kOfed =
     "file /usr/src/ofa_kernel/default/include/rdma/peer_mem.h; "
     "file /usr/src/ofa_kernel/default/Module.symvers; ";
 const std::string kStopped = "Error: failed in removing.\nUninstall valta driver zephanor failed.";
+const std::string kNotBooted =
+    "System has not been booted with systemd as init system (PID 1). Can't operate.\n"
+    "Failed to connect to bus: Host is down\n";
 const std::string kUnit = "/lib/systemd/system/u.service";
 const std::string kAnyDigest = "tool /usr/bin/md5sum 'echo digest of $1'; ";
 
@@ -225,6 +228,15 @@ std::vector<Situation> situations() {
               "Warning:     service u may not being removed properly.\n" +
               kStopped,
        .finding = "unit-copied",
+       .runs = disable_and_stop("u") + forget_and_ask("u")},
+      {.name = "SystemdIsNotRunning",
+       .manifest = {"SERVICE u " + kEmpty},
+       .prepare = "rm -r /run/systemd/system; file /not-booted \"" + kNotBooted +
+                  "\"; tool /usr/bin/systemctl '[ $1 = disable ] || sed \"\" /not-booted "
+                  ">&2; exit 1'",
+       .status = 145,
+       .console = kNotBooted + kFailed,
+       .log = "Uninstall: service:u failed.\n",
        .runs = disable_and_stop("u") + forget_and_ask("u")},
       {.name = "UnitCannotBeDeleted",
        .manifest = {"SERVICE u digest"},

@@ -158,11 +158,14 @@ void ThrowawayHost::put_faulty_programs() {
   fs::copy_file(VALTA_FAULTY_INSPECT, root_ + kInspect, options);
 }
 
-Inspection ThrowawayHost::inspect(const std::string& arguments, const std::string& path) {
-  const std::string report = scratch_ + "/report";
-  const int status = script("enter", "-r -e PATH=" + path + quote(root_) + " " + kInspect + " " +
-                                         arguments + " --json >" + quote(report) + " 2>&1");
-  return {status, nlohmann::json::parse(contents(report), nullptr, false)};
+Inspection ThrowawayHost::inspect(const std::string& arguments, const std::string& path,
+                                  const std::string& form) {
+  const std::string page = scratch_ + "/page";
+  const int status =
+      script("enter", "-r -e --ignore-signal=CHLD -e PATH=" + path + quote(root_) + " " + kInspect +
+                          " " + arguments + " " + form + " >" + quote(page) + " 2>&1 5</");
+  const std::string text = contents(page);
+  return {status, nlohmann::json::parse(text, nullptr, false), text};
 }
 
 pid_t ThrowawayHost::start_inspecting(const std::string& verb) {

@@ -38,6 +38,7 @@ struct Outcome {
 struct Inspection {
   int status;
   nlohmann::json report;  ///< null when it printed none
+  std::string page;       ///< all that it printed
 };
 
 /// The root of a throwaway host in a scratch directory, with the machine's own shell, md5sum and
@@ -71,8 +72,10 @@ class ThrowawayHost {
   /// From now on the programs are copies that find the host's module list wherever they run, as
   /// `inspect` needs them.
   void put_faulty_programs();
-  /// Runs valta-driver-inspect with `arguments` and --json, and with the search path `path`.
-  Inspection inspect(const std::string& arguments, const std::string& path = "/usr/bin:/bin");
+  /// Runs valta-driver-inspect with `arguments` and `form`, and with the search path `path`. Its
+  /// caller ignores children and has a file open.
+  Inspection inspect(const std::string& arguments, const std::string& path = "/usr/bin:/bin",
+                     const std::string& form = "--json");
   /// Starts it with `verb` and returns its process.
   pid_t start_inspecting(const std::string& verb);
   /// Whether a process that `start_inspecting` brought about is still there.

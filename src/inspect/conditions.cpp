@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -30,8 +31,9 @@ struct Damage {
   const char* text;
 };
 
-bool printable(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+bool has_control_byte(std::string_view text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](unsigned char c) { return c < ' ' || c == 0x7F; });
 }
 
 std::optional<Damage> damage_of(const ManifestEntry& entry, const std::string& line) {
@@ -39,17 +41,18 @@ std::optional<Damage> damage_of(const ManifestEntry& entry, const std::string& l
     return {{Severity::blocks, "has a type that is not known: a run stops there"}};
   }
   const std::vector<std::string> fields = split(line, ' ');
-  if (!printable(line) || fields.size() > 3) {
+  if (has_control_byte(line) || fields.size() > 3) {
     return {{Severity::keeps, "has a blank, or a byte that is no printable character, in a field"}};
   }
+  const bool is_file = entry.type == "FILE" || entry.type == "RFILE";
   const bool names_path = entry.type != "SERVICE" && entry.type != "DKMS";
   if (fields.size() < 2 || fields[1].empty() || (names_path && !entry.path.starts_with('/'))) {
     return {{Severity::keeps, "names nothing that could be removed"}};
   }
-  if (line.find('\'') != std::string::npos) {
+  if ((is_file || entry.type == "SERVICE") && line.find('\'') != std::string::npos) {
     return {{Severity::keeps, "has a quote, which no shell command of a run gets right"}};
   }
-  if ((entry.type == "FILE" || entry.type == "RFILE") && (fields.size() < 3 || fields[2].empty())) {
+  if (is_file && (fields.size() < 3 || fields[2].empty()) && path_exists(entry.path)) {
     return {{Severity::keeps, "has no digest, so its file counts as changed"}};
   }
   if (entry.type == "SERVICE" && entry.digest.empty()) {
@@ -106,18 +109,22 @@ void look_at_unit(const std::string& unit, Report& report) {
 /// The instances of `unit`'s template that are enabled, or run, by their control groups.
 std::vector<std::string> instances_of(const std::string& unit) {
   const std::string prefix = unit.substr(0, unit.find('@') + 1);
-  std::vector<std::string> paths = paths_below("/etc/systemd/system");
+  std::vector<std::string> names;
+  for (const std::string& link : paths_below("/etc/systemd/system")) {
+    if (path_exists(link)) {
+      names.push_back(last_component(link));
+    }
+  }
   for (const std::string hierarchy : {"/sys/fs/cgroup", "/sys/fs/cgroup/systemd"}) {
     const std::string slices = hierarchy + "/system.slice/";
     for (const std::string& slice : names_in(slices)) {
       for (const std::string& group : names_in(slices + slice)) {
-        paths.push_back(group);
+        names.push_back(group);
       }
     }
   }
   std::vector<std::string> instances;
-  for (const std::string& path : paths) {
-    const std::string name = last_component(path);
+  for (const std::string& name : names) {
     if (name.starts_with(prefix) && name.ends_with(".service") && name != prefix + ".service") {
       instances.push_back(name.substr(0, name.rfind('.')));
     }
@@ -149,7 +156,7 @@ constexpr std::array<const char*, 6> kSystemDirectories = {
 bool is_needed(const Tool& tool, const Installation& installation) {
   const std::string_view name = tool.name;
   return (!name.starts_with("system") || !installation.units.empty()) &&
-         (name != "dkms" || !dkms_registrations().empty());
+         (name != "dkms" || !installation.registrations.empty());
 }
 
 bool is_system_directory(const std::string& directory) {
@@ -158,9 +165,9 @@ bool is_system_directory(const std::string& directory) {
 }
 
 /// A run looks into the first tree alone.
-void look_at_dkms_tree(Report& report) {
+void look_at_dkms_tree(const Installation& installation, Report& report) {
   const std::vector<std::string> trees = dkms_trees();
-  for (const std::string& version : dkms_registrations()) {
+  for (const std::string& version : installation.registrations) {
     if (!version.starts_with(trees.front() + "/")) {
       const std::string name = "valta/" + last_component(version);
       report.add("dkms-tree", Severity::keeps,
@@ -173,29 +180,28 @@ void look_at_dkms_tree(Report& report) {
 }  // namespace
 
 void look_at_manifest(const Installation& installation, Report& report) {
-  if (!installation.has_manifest) {
+  if (installation.lines.empty()) {
     if (path_exists(installation.root)) {
-      report.add("manifest-missing", Severity::keeps,
-                 "There is no uninstall manifest, so a run leaves the files, links and services.",
-                 kManifest, "find " + installation.root);
+      report.add(
+          "manifest-missing", Severity::keeps,
+          "The uninstall manifest is missing, or empty, so a run leaves the files, links and "
+          "services.",
+          kManifest, "find " + installation.root);
     }
     return;
   }
-  std::string text;
-  try_read_file(kManifest, text);
-  const std::vector<std::string> lines = split(text, '\n');
-  for (std::size_t line = 0; line < lines.size(); ++line) {
-    if (const auto damage = damage_of(installation.entries[line], lines[line])) {
+  for (std::size_t line = 0; line < installation.lines.size(); ++line) {
+    if (const auto damage = damage_of(installation.entries[line], installation.lines[line])) {
       report.add("manifest-line", damage->severity,
                  "Line " + std::to_string(line + 1) + " of the manifest " + damage->text + ".",
                  kManifest + ":" + std::to_string(line + 1), editor_at(line + 1));
     }
   }
   const auto sources = line_of(installation, [](const ManifestEntry& entry) {
-    return entry.type != "SERVICE" && entry.path.starts_with(kSourcePrefix);
+    return entry.type.ends_with("FILE") && entry.path.starts_with(kSourcePrefix);
   });
   const auto dkms = line_of(installation, [](const auto& entry) { return entry.type == "DKMS"; });
-  if (sources != 0 && sources < dkms && !dkms_registrations().empty()) {
+  if (sources != 0 && sources < dkms && !installation.registrations.empty()) {
     report.add("dkms-order", Severity::blocks,
                "Line " + std::to_string(sources) + " takes the DKMS sources away before line " +
                    std::to_string(dkms) + " has DKMS remove the module. Move the DKMS line up.",
@@ -204,21 +210,22 @@ void look_at_manifest(const Installation& installation, Report& report) {
 }
 
 void look_at_units(const Installation& installation, Report& report) {
-  std::vector<std::string> seen;
+  std::set<std::string> seen;
   for (const std::string& unit : installation.units) {
-    if (std::find(seen.begin(), seen.end(), unit) != seen.end()) {
-      continue;
+    if (seen.insert(unit).second) {
+      look_at_unit(unit, report);
     }
-    seen.push_back(unit);
-    look_at_unit(unit, report);
   }
+}
+
+void look_at_instances(const Installation& installation, Report& report) {
+  std::set<std::string> known(installation.units.begin(), installation.units.end());
   for (const std::string& unit : installation.units) {
     for (const std::string& instance :
          unit.find('@') == std::string::npos ? std::vector<std::string>() : instances_of(unit)) {
-      if (std::find(seen.begin(), seen.end(), instance) == seen.end()) {
-        seen.push_back(instance);
+      if (known.insert(instance).second) {
         report.add("unit-instance", Severity::keeps,
-                   instance + " has no line in the manifest: it would run on without its file.",
+                   instance + " has no line in the manifest: a run leaves it, without its file.",
                    instance, "systemctl disable --now " + instance);
       }
     }
@@ -243,7 +250,7 @@ void look_at_tools(const Installation& installation, Report& report) {
           "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root valta-driver-inspect before");
     }
   }
-  look_at_dkms_tree(report);
+  look_at_dkms_tree(installation, report);
 }
 
 void look_at_log_space(Report& report) {
@@ -252,7 +259,8 @@ void look_at_log_space(Report& report) {
   while (statvfs(place.c_str(), &room) != 0 && place.has_relative_path()) {
     place = place.parent_path();
   }
-  if (room.f_bfree == 0 || (room.f_ffree == 0 && room.f_files != 0)) {
+  // Some that are held in memory, without a limit, tell 0 of 0.
+  if ((room.f_bfree == 0 && room.f_blocks != 0) || (room.f_ffree == 0 && room.f_files != 0)) {
     report.add("log-full", Severity::blocks,
                "The file system of the log is full: a run does everything and leaves no record.",
                place, "df " + place.string());
@@ -283,9 +291,9 @@ void look_at_trust(Report& report) {
   }
 }
 
-void look_at_unseen(Report& report) {
+void look_at_unseen(const Installation& installation, Report& report) {
   std::vector<std::string> paths(kConfigurationPaths.begin(), kConfigurationPaths.end());
-  for (const std::string& version : dkms_registrations()) {
+  for (const std::string& version : installation.registrations) {
     paths.push_back(std::string(kSourcePrefix) + last_component(version));
   }
   for (const std::string& path : paths) {

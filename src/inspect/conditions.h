@@ -11,9 +11,12 @@ namespace valta::inspect {
 /// manifest that is missing where something is installed.
 void look_at_manifest(const Installation& installation, Report& report);
 
-/// Units that systemd still knows when their file is gone, and instances that the manifest does not
-/// know of.
+/// Units that systemd still knows when their file is gone.
 void look_at_units(const Installation& installation, Report& report);
+
+/// Instances, enabled or running, that the manifest does not name. Tells of those that a run left,
+/// too.
+void look_at_instances(const Installation& installation, Report& report);
 
 /// Tools that are missing, or not the system's own; a DKMS tree where a run does not look.
 void look_at_tools(const Installation& installation, Report& report);
@@ -25,6 +28,6 @@ void look_at_log_space(Report& report);
 void look_at_trust(Report& report);
 
 /// What goes without a look at its content, with what it holds.
-void look_at_unseen(Report& report);
+void look_at_unseen(const Installation& installation, Report& report);
 
 }  // namespace valta::inspect

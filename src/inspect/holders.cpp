@@ -5,13 +5,14 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <vector>
 
-#include "inspect/installation.h"
 #include "inspect/modules.h"
-#include "uninstall/install_root.h"
+#include "installer/ofed.h"
+#include "installer/remove_driver.h"
 #include "utils/files.h"
 #include "utils/text.h"
 
@@ -26,7 +27,7 @@ struct Holder {
   std::string command;
   std::string device;
   std::string service;  ///< that the process belongs to; empty for none
-  int uses = 0;         ///< its open files of the device, and what is mapped of them
+  int uses = 0;         ///< its open files of the device
 };
 
 /// The character devices of a module.
@@ -88,10 +89,11 @@ std::string first_line(const std::string& path) {
   return text.substr(0, text.find('\n'));
 }
 
-/// The service in the path of a control group.
+/// The service of the system in the path of a control group.
 std::string service_of(const std::string& group) {
   const std::string name = last_component(group);
-  return name.ends_with(".service") ? name : "";
+  const bool is_users = group.find("/user@") != std::string::npos;
+  return name.ends_with(".service") && !is_users ? name : "";
 }
 
 std::vector<Holder> processes_with(const Devices& devices) {
@@ -107,7 +109,9 @@ std::vector<Holder> processes_with(const Devices& devices) {
       for (const auto& file : fs::directory_iterator(process.path() / kind, ignored)) {
         struct stat status {};
         if (stat(file.path().c_str(), &status) == 0 && devices.holds(status)) {
-          ++found[fs::read_symlink(file.path(), ignored)];
+          // However often it is mapped, that is one open file.
+          int& uses = found[fs::read_symlink(file.path(), ignored)];
+          uses = kind == std::string_view("fd") ? uses + 1 : std::max(uses, 1);
         }
       }
     }
@@ -119,9 +123,16 @@ std::vector<Holder> processes_with(const Devices& devices) {
   return holders;
 }
 
+/// Whether a run unloads `name` before the driver.
+bool is_unloaded_first(const std::string& name, const std::vector<Module>& list) {
+  const Module* const module = find_module(list, name);
+  return module != nullptr && module->uses == 0 &&
+         (name == kCompanion || (name == kPeerMemoryCompanion && ofed_present()));
+}
+
 }  // namespace
 
-void look_at_holders(const std::string& modules, Report& report) {
+void look_at_holders(const std::string& modules, const Installation& installation, Report& report) {
   const std::vector<Module> list = parse_modules(modules);
   for (const std::string& name : stack_modules()) {
     const Module* const module = find_module(list, name);
@@ -131,9 +142,10 @@ void look_at_holders(const std::string& modules, Report& report) {
     int unnamed = module->uses;
     for (const std::string& user : module->users) {
       --unnamed;
-      report.add("module-held", Severity::blocks,
-                 "The module " + name + " is used by " + user + ".", user,
-                 user.starts_with("[") ? "" : "rmmod " + user);
+      if (!is_unloaded_first(user, list)) {
+        report.add("module-held", Severity::blocks,
+                   "The module " + name + " is used by " + user + ".", user, "rmmod " + user);
+      }
     }
     if (unnamed <= 0) {
       continue;
@@ -152,7 +164,7 @@ void look_at_holders(const std::string& modules, Report& report) {
                  "The module " + name + " is held " +
                      counted(static_cast<std::size_t>(unnamed), "time") +
                      " by what the kernel does not name.",
-                 name, "grep -ls " + default_install_root() + " /proc/[0-9]*/maps");
+                 name, "grep -ls " + installation.root + " /proc/[0-9]*/maps");
     }
   }
 }

@@ -22,8 +22,9 @@ namespace valta::inspect {
 namespace fs = std::filesystem;
 namespace {
 
-/// Directories of every host that the image may cover for this process.
-constexpr std::array<const char*, 3> kScratchDirectories = {"/tmp", "/run", "/mnt"};
+/// Directories that the image may cover for this process. What lies below the first is never part
+/// of an image; of the others that is seen no more.
+constexpr std::array<const char*, 4> kScratchDirectories = {"/dev/shm", "/tmp", "/run", "/mnt"};
 
 constexpr std::array<const char*, 6> kDevices = {"null",   "zero",    "full",
                                                  "random", "urandom", "tty"};
@@ -121,23 +122,28 @@ class Comparison {
         point_(std::move(point)) {}
 
   void run() {
-    directories_ = {""};
+    directories_ = {{"", false}};
     while (!directories_.empty()) {
-      const std::string directory = std::move(directories_.back());
+      const Directory directory = std::move(directories_.back());
       directories_.pop_back();
-      compare_entries(directory);
+      compare_entries(directory.path, directory.hides || is_opaque(upper_ + directory.path));
     }
   }
 
  private:
   // Paths below start with "/", at the root of the layer.
 
-  void compare_entries(const std::string& directory) {
+  struct Directory {
+    std::string path;
+    bool hides;  ///< it is in one that hides what is below it
+  };
+
+  void compare_entries(const std::string& directory, bool hides) {
     const std::vector<std::string> above = names_in(upper_ + directory);
     for (const std::string& name : above) {
-      compare(directory + "/" + name);
+      compare(directory + "/" + name, hides);
     }
-    if (!is_opaque(upper_ + directory)) {
+    if (!hides) {
       return;
     }
     for (const std::string& name : names_in(lower_ + directory)) {
@@ -147,7 +153,7 @@ class Comparison {
     }
   }
 
-  void compare(const std::string& path) {
+  void compare(const std::string& path, bool hidden) {
     struct stat before {};
     struct stat after {};
     const bool existed = lstat((lower_ + path).c_str(), &before) == 0;
@@ -165,7 +171,7 @@ class Comparison {
       changes_.written.push_back(point_ + path);
     }
     if (S_ISDIR(after.st_mode)) {
-      directories_.push_back(path);
+      directories_.push_back({path, hidden});
     }
   }
 
@@ -187,7 +193,7 @@ class Comparison {
   std::string lower_;
   std::string upper_;
   std::string point_;
-  std::vector<std::string> directories_;  ///< still to be compared
+  std::vector<Directory> directories_;  ///< still to be compared
 };
 
 }  // namespace
@@ -256,11 +262,9 @@ void Image::add_layer(const Mount& mounted, int lower) {
       fs::path(root_).replace_filename("layer") / std::to_string(layers_.size());
   const std::string upper = directory + "/upper";
   struct stat status {};
-  if (fstat(lower, &status) != 0) {
-    fail_to("look at " + mounted.point);
-  }
   layers_.push_back({mounted.point == "/" ? "" : mounted.point, lower, upper});
-  if (S_ISDIR(status.st_mode)) {
+  // A FUSE file system may deny root even this.
+  if (fstat(lower, &status) == 0 && S_ISDIR(status.st_mode)) {
     fs::create_directories(upper);
     fs::create_directory(directory + "/work");
     copy_attributes(status, upper);
@@ -274,12 +278,11 @@ void Image::add_layer(const Mount& mounted, int lower) {
     if (mounted.point == "/") {
       fail_to("make the root file system the lower layer of an overlay");
     }
-    read_only_.push_back(mounted.point);
   }
   layers_.pop_back();
-  if (!bind_read_only(path_of(lower), target, mounted.flags)) {
-    fail_to("show " + mounted.point + " in the image");
-  }
+  read_only_.push_back(mounted.point);
+  // Where even that is not possible, as below an automounter's directory, the image lacks it.
+  static_cast<void>(bind_read_only(path_of(lower), target, mounted.flags));
 }
 
 void Image::make_devices() const {

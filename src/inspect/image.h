@@ -48,7 +48,7 @@ class Image {
   /// Where this process sees the root directory of the image.
   [[nodiscard]] const std::string& root() const { return root_; }
 
-  /// The mount points whose file system cannot be a lower layer. In the image they are read-only.
+  /// The mount points that cannot be lower layers. In the image they are read-only, or missing.
   [[nodiscard]] const std::vector<std::string>& read_only() const { return read_only_; }
 
   /// Makes the image the root directory of this process, the first one of a new PID namespace, with

@@ -9,6 +9,7 @@
 #include "uninstall/dkms_config.h"
 #include "uninstall/install_root.h"
 #include "utils/files.h"
+#include "utils/host.h"
 #include "utils/text.h"
 
 namespace valta::inspect {
@@ -23,14 +24,19 @@ Installation read_installation() {
   Installation installation;
   installation.root = default_install_root();
   std::string text;
-  installation.has_manifest = try_read_file(kUninstallManifestPath, text);
+  try_read_file(kUninstallManifestPath, text);
+  installation.lines = split(text, '\n');
   installation.entries = parse_manifest(text);
+  const bool in_container = running_in_container();
   for (const ManifestEntry& entry : installation.entries) {
     if (entry.type == "VALTA") {
       installation.root = entry.path;
-    } else if (entry.type == "SERVICE") {
+    } else if (entry.type == "SERVICE" && !in_container) {
       installation.units.push_back(entry.path);
     }
+  }
+  if (!in_container) {
+    installation.registrations = dkms_registrations();
   }
   return installation;
 }

@@ -13,13 +13,15 @@ inline constexpr std::string_view kSourcePrefix = "/usr/src/valta-";
 
 /// What the uninstall manifest says, for those who look without handling it.
 struct Installation {
-  bool has_manifest = false;  ///< it exists and can be read
-  std::string root;           ///< of its VALTA line, or the default
-  std::vector<ManifestEntry> entries;
-  std::vector<std::string> units;  ///< of its SERVICE entries
+  std::vector<std::string> lines;          ///< none when it is missing, or empty
+  std::vector<ManifestEntry> entries;      ///< one for each line
+  std::string root;                        ///< of its VALTA line, or the default
+  std::vector<std::string> units;          ///< of its SERVICE entries
+  std::vector<std::string> registrations;  ///< the versions that DKMS has, as paths
 };
 
-/// Reads the manifest.
+/// Reads the manifest and the state of DKMS. In a container, where a run leaves them alone, there
+/// are no units and no registrations.
 [[nodiscard]] Installation read_installation();
 
 /// Where the program has its own place.
@@ -41,7 +43,7 @@ struct Installation {
 /// The first few of `names`, with commas, and how many more there are.
 [[nodiscard]] std::string some_of(const std::vector<std::string>& names);
 
-/// The paths below `directory`, itself not included, directories too, sorted. What cannot be read
+/// The paths below `directory`, itself not included, directories too, sorted. What may not be read
 /// is left out.
 [[nodiscard]] std::vector<std::string> paths_below(const std::string& directory);
 

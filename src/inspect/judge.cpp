@@ -17,6 +17,8 @@ constexpr std::string_view kError = "Error: ";
 constexpr std::string_view kRemovalFailed = "Error: failed in removing.";
 constexpr std::string_view kSucceeded = "Successfully uninstall driver.";
 constexpr std::string_view kFailed = "Driver uninstall failed.";
+constexpr std::string_view kLoaded = " installed. Uninstall...";
+constexpr std::string_view kUnloaded = "Successful to uninstall driver ";
 
 /// Statuses of a program, or of the shell in its place, that did not come to do anything.
 const std::map<int, const char*> kNeverStarted = {
@@ -71,7 +73,7 @@ void take_paths(const std::vector<std::string>& lines, Report& report) {
   for (auto& path : all_between(lines, "Uninstall: ", " Succeed.")) {
     report.removed.push_back({std::move(path), "other"});
   }
-  for (auto& module : all_between(lines, "Successful to uninstall driver ", ".")) {
+  for (auto& module : all_between(lines, kUnloaded, ".")) {
     report.unloaded.push_back(std::move(module));
   }
   const auto keep = [&](std::string_view before, std::string_view after, const char* reason) {
@@ -137,8 +139,8 @@ Verdict judge_success(const Evidence& evidence, const std::string& log,
   if (contains(log, kError)) {
     return {Outcome::failed, error};
   }
-  const auto loaded = count(log, " installed. Uninstall...");
-  const auto unloaded = count(log, "Successful to uninstall driver ");
+  const auto loaded = count(log, kLoaded);
+  const auto unloaded = count(log, kUnloaded);
   if (loaded != unloaded) {
     return {Outcome::failed,
             "the driver was gone before the run unloaded it, its files stay; run it once more"};
@@ -215,6 +217,11 @@ void judge(const Evidence& evidence, Report& report) {
   auto [outcome, reason] = judge_run(evidence, lines, report);
   report.outcome = outcome;
   report.reason = std::move(reason);
+}
+
+bool came_to_the_manifest(const Report& report) {
+  const bool worked = report.outcome <= Outcome::shared || report.outcome == Outcome::failed;
+  return worked && (contains(report.log, kUnloaded) || !contains(report.log, kLoaded));
 }
 
 }  // namespace valta::inspect

@@ -19,10 +19,15 @@ struct Evidence {
 };
 
 /// Judges a run: sets the outcome, its reason, the status, the texts, and what the log says of the
-/// paths of the manifest (`removed`, `kept`; the kind of what is gone is not in the log, "other").
+/// paths of the manifest (`removed`, `kept`; the kind of what is gone is not in the log, "other")
+/// and of the drivers that it unloaded.
 ///
 /// A status of 0 is no proof: the program ends with it, for one, when a clean-up failed that came
 /// too late to matter to its caller. So "done" takes a complete log without any sign of trouble.
 void judge(const Evidence& evidence, Report& report);
+
+/// Whether the run that was judged came as far as the manifest, so that what is left of it is left
+/// for a reason.
+[[nodiscard]] bool came_to_the_manifest(const Report& report);
 
 }  // namespace valta::inspect

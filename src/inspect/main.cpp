@@ -1,6 +1,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -92,20 +93,29 @@ constexpr int kStatus = 3;
 constexpr int kConsole = 4;
 constexpr int kJson = 5;
 constexpr int kVerbose = 6;
+constexpr int kHelp = 7;
 
 constexpr option kJsonOption = {"json", no_argument, nullptr, kJson};
 constexpr option kVerboseOption = {"verbose", no_argument, nullptr, kVerbose};
-constexpr std::array<option, 5> kOptionsBefore = {
+constexpr option kHelpOption = {"help", no_argument, nullptr, kHelp};
+constexpr std::array<option, 6> kOptionsBefore = {
     {{"program", required_argument, nullptr, kProgram},
      {"timeout", required_argument, nullptr, kTimeout},
      kJsonOption,
      kVerboseOption,
+     kHelpOption,
      {}}};
-constexpr std::array<option, 5> kOptionsAfter = {{{"status", required_argument, nullptr, kStatus},
+constexpr std::array<option, 6> kOptionsAfter = {{{"status", required_argument, nullptr, kStatus},
                                                   {"console", required_argument, nullptr, kConsole},
                                                   kJsonOption,
                                                   kVerboseOption,
+                                                  kHelpOption,
                                                   {}}};
+
+[[noreturn]] void help() {
+  std::fputs(kUsage, stdout);
+  std::exit(0);
+}
 
 Options read_options(int argc, char** argv, bool is_before) {
   const option* const known = is_before ? kOptionsBefore.data() : kOptionsAfter.data();
@@ -132,6 +142,8 @@ Options read_options(int argc, char** argv, bool is_before) {
       case kVerbose:
         options.verbose = true;
         break;
+      case kHelp:
+        help();
       case -1:
         break;
       default:  // getopt_long has said what is wrong
@@ -150,9 +162,8 @@ Options read_options(int argc, char** argv, bool is_before) {
 
 int run(int argc, char** argv) {
   const std::string verb = argc > 1 ? argv[1] : "";
-  if (verb == "--help" || verb == "-h") {
-    std::fputs(kUsage, stdout);
-    return 0;
+  if (verb == "--help") {
+    help();
   }
   if (verb == "--version") {
     std::printf("valta-driver-inspect %s\n", kStackVersion);
@@ -185,6 +196,8 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   using namespace valta::inspect;
+  // A caller that ignores it would keep this program from hearing how its children end.
+  std::signal(SIGCHLD, SIG_DFL);
   try {
     if (const StandIn* const tool = find_stand_in(valta::last_component(argv[0]))) {
       return tool->run({argv + 1, argv + argc});

@@ -70,7 +70,7 @@ std::optional<std::string> unload_module(std::vector<Module>& modules, const std
   if (module == nullptr) {
     return "Module " + name + " is not currently loaded";
   }
-  if (module->uses > 0) {
+  if (module->uses > 0 || !module->users.empty()) {  // "[permanent]" is no use
     std::string refusal = "Module " + name + " is in use";
     for (std::size_t user = 0; user < module->users.size(); ++user) {
       refusal += (user == 0 ? " by: " : " ") + module->users[user];

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -16,10 +17,12 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "inspect/installation.h"
 #include "inspect/modules.h"
 #include "inspect/stand_ins.h"
 #include "utils/files.h"
@@ -34,8 +37,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kSilentSeconds = 2;
 
 /// The capabilities that deleting and writing files takes.
-constexpr std::array<int, 5> kFileCapabilities = {CAP_CHOWN, CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH,
-                                                  CAP_FOWNER, CAP_FSETID};
+constexpr std::array<int, 4> kFileCapabilities = {CAP_CHOWN, CAP_DAC_OVERRIDE, CAP_FOWNER,
+                                                  CAP_FSETID};
 
 /// What the first process of the image reports: why the program could not be started, or how it
 /// ended, as waitpid tells.
@@ -79,17 +82,23 @@ void drop_privileges() {
   }
 }
 
-/// The environment of this process, with the stand-ins in front of its search path.
-void put_stand_ins_first(const char* path) {
-  setenv("PATH",
-         (std::string(Image::kToolDirectory) + (path == nullptr ? "" : ":") +
-          (path == nullptr ? "" : path))
-             .c_str(),
-         1);
+/// What leads from a process to the host past the image: a descriptor that the caller of this one
+/// left open, its terminal, and a crash, for which the kernel may start a program there.
+void cut_ties() {
+  for (const std::string& name : names_in("/proc/self/fd")) {
+    if (const int descriptor = std::atoi(name.c_str()); descriptor > STDERR_FILENO) {
+      fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+    }
+  }
+  const rlimit no_dump = {1, 1};  // 0 would let a dump go to a program all the same
+  if (setsid() < 0 || setrlimit(RLIMIT_CORE, &no_dump) != 0) {
+    fail_to("leave the terminal");
+  }
 }
 
-/// What the program needs before it takes the place of this process.
+/// Takes the place of this process.
 [[noreturn]] void become_program(const std::string& program, int output, int console) {
+  cut_ties();
   drop_privileges();
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (dup2(nothing, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
@@ -114,12 +123,15 @@ pid_t fork_into_namespace() {
   try {
     image.enter();
     const pid_t child = fork();
+    if (child < 0) {
+      fail_to("start a process in the image");
+    }
     if (child == 0) {
       become_program(program, output, console);
     }
     while (wait(&message.wait_status) != child) {
     }
-  } catch (const NotPossible& problem) {
+  } catch (const std::exception& problem) {
     message.error = 1;
     std::strncpy(message.tried.data(), problem.what(), message.tried.size() - 1);
   }
@@ -192,10 +204,8 @@ int exit_code(int wait_status) {
 }  // namespace
 
 Rehearsal rehearse(const Image& image, const std::string& program, int timeout) {
-  const char* const variable = std::getenv("PATH");
-  const std::string path = variable == nullptr ? "" : variable;
   put_tools_in(image);
-  put_stand_ins_first(variable == nullptr ? nullptr : path.c_str());
+  setenv("PATH", (std::string(Image::kToolDirectory) + ":" + std::getenv("PATH")).c_str(), 1);
 
   const int output = memory_file("output");
   const int console = memory_file("console");

@@ -46,25 +46,29 @@ std::size_t count_kept(const Report& report, std::string_view reason) {
                     [&](const Kept& kept) { return kept.reason == reason; }));
 }
 
+/// Where to run the program again from.
+std::string program_of(const Installation& installation) {
+  const std::string program = program_in_place(installation);
+  return path_exists(program) ? program : "valta-driver-uninstaller";
+}
+
 void explain_shared(const Installation& installation, Report& report) {
   if (const auto shared = count_kept(report, "toolkit"); shared > 0) {
     report.add("shared-kept", Severity::keeps,
                "Kept for the toolkit: " + counted(shared, "shared path") +
                    ". Uninstall it first if it is to go.",
-               installation.root + "/lib64/libcudart.so");
+               installation.root + "/lib64/libcudart.so",
+               "ls -l " + installation.root + "/lib64/libcudart.so");
   }
   if (const auto shared = count_kept(report, "program"); shared > 0) {
     report.add("shared-kept", Severity::keeps,
                "Kept for the program in its own place: " + counted(shared, "shared path") +
                    ". Move it away and run it from there.",
-               program_in_place(installation), "mv " + program_in_place(installation) + " /root/");
+               program_in_place(installation),
+               path_exists(program_in_place(installation))
+                   ? "mv " + program_in_place(installation) + " /root/"
+                   : program_of(installation));
   }
-}
-
-/// Where to run the program again from.
-std::string program_of(const Installation& installation) {
-  const std::string program = program_in_place(installation);
-  return path_exists(program) ? program : "valta-driver-uninstaller";
 }
 
 void explain_kept(const Kept& kept, Report& report) {
@@ -87,6 +91,10 @@ void explain_kept(const Kept& kept, Report& report) {
                kept.path + (inside.empty() ? " was not empty when the run came to it, so it stays."
                                            : " stays, as it holds " + some_of(inside) + "."),
                kept.path, inside.empty() ? "rmdir " + kept.path : "ls -lA " + kept.path);
+  } else if (reason == "left" && report.outcome <= Outcome::shared) {
+    report.add("manifest-left", Severity::keeps,
+               kept.path + " stays: it is not what its entry says, or was put there later.",
+               kept.path, "ls -ld " + kept.path);
   }
 }
 
@@ -166,7 +174,7 @@ void look_at_remains(const Installation& installation, Report& report) {
   settle_kept(installation, report);
   explain_shared(installation, report);
   const auto left = count_kept(report, "left");
-  if (left > 0) {
+  if (left > 0 && report.outcome == Outcome::failed) {
     report.add("manifest-left", Severity::keeps,
                "The run ends before it comes to " + counted(left, "path") + " of the manifest.",
                kUninstallManifestPath, program_of(installation));

@@ -123,7 +123,8 @@ std::string headline(const Report& report) {
   const std::string ends = run + (before ? " would end" : " ended") + status;
   switch (report.outcome) {
     case Outcome::done:
-      return ends + ", with nothing left of the manifest";
+      return ends + (report.kept.empty() ? ", with nothing left of the manifest"
+                                         : ", with all gone that it can remove");
     case Outcome::clean:
       return ends + ", with nothing there to remove";
     case Outcome::kept:
@@ -140,6 +141,9 @@ std::string headline(const Report& report) {
       return run + (before ? " would not come to its end" : " did not come to its end");
     case Outcome::unknown:
       break;
+  }
+  if (before && report.status) {
+    return ends + ", without a log of it";
   }
   return before ? "a run cannot be rehearsed here" : "what the last run did cannot be told";
 }

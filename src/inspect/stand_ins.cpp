@@ -123,6 +123,13 @@ int tell_status(const std::string& unit) {
 
 int systemctl(const std::vector<std::string>& arguments) {
   const std::string verb = arguments.empty() ? "" : arguments[0];
+  if (verb != "disable" && !is_directory("/run/systemd/system")) {
+    std::fputs(
+        "System has not been booted with systemd as init system (PID 1). Can't operate.\n"
+        "Failed to connect to bus: Host is down\n",
+        stderr);
+    return kMisused;
+  }
   if (verb == "reset-failed" || verb == "daemon-reload") {
     return 0;
   }

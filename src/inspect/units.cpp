@@ -4,7 +4,9 @@
 #include <array>
 #include <filesystem>
 #include <string_view>
+#include <strings.h>
 
+#include "inspect/installation.h"
 #include "utils/files.h"
 #include "utils/text.h"
 
@@ -25,6 +27,9 @@ constexpr std::array<std::string_view, 11> kUnitTypes = {
     ".automount", ".device", ".mount", ".path",   ".scope", ".service",
     ".slice",     ".socket", ".swap",  ".target", ".timer"};
 
+/// What systemd takes for true, in whatever case.
+constexpr std::array<const char*, 6> kYes = {"1", "yes", "y", "true", "t", "on"};
+
 std::vector<std::string> files_called(const std::string& name) {
   std::vector<std::string> files;
   for (const char* const directory : kUnitDirectories) {
@@ -38,16 +43,25 @@ std::vector<std::string> files_called(const std::string& name) {
   return files;
 }
 
-bool says_so(const std::string& file) {
+/// Takes over what `file` says of being stopped by hand.
+void read_refusal(const std::string& file, bool& refuses) {
+  constexpr std::string_view key = "RefuseManualStop=";
   std::string text;
-  if (!try_read_file(file, text)) {
-    return false;
+  try_read_file(file, text);
+  for (std::string line : split(text, '\n')) {
+    std::erase_if(line, [](char c) { return c == ' ' || c == '\t'; });
+    if (line.starts_with(key)) {
+      refuses = std::any_of(kYes.begin(), kYes.end(), [&](const char* yes) {
+        return strcasecmp(yes, line.c_str() + key.size()) == 0;
+      });
+    }
   }
-  const std::vector<std::string> lines = split(text, '\n');
-  return std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
-    const auto value = value_after(line, "RefuseManualStop=");
-    return value && (*value == "yes" || *value == "true" || *value == "on" || *value == "1");
-  });
+}
+
+/// The name of the template of an instance; `name` itself for any other unit.
+std::string template_of(const std::string& name) {
+  const auto at = name.find('@');
+  return at == std::string::npos ? name : name.substr(0, at + 1) + name.substr(name.rfind('.'));
 }
 
 }  // namespace
@@ -68,28 +82,27 @@ bool is_bare_template(const std::string& unit) {
 std::vector<std::string> unit_files(const std::string& unit) {
   const std::string name = full_unit_name(unit);
   std::vector<std::string> files = files_called(name);
-  const auto at = name.find('@');
-  if (files.empty() && at != std::string::npos) {
-    files = files_called(name.substr(0, at + 1) + name.substr(name.rfind('.')));
-  }
-  return files;
+  return files.empty() ? files_called(template_of(name)) : files;
 }
 
 bool refuses_to_stop(const std::string& unit) {
-  const std::vector<std::string> files = unit_files(unit);
-  if (!files.empty() && says_so(files.front())) {
-    return true;
+  bool refuses = false;
+  if (const std::vector<std::string> files = unit_files(unit); !files.empty()) {
+    read_refusal(files.front(), refuses);
   }
-  for (const char* const directory : kUnitDirectories) {
-    std::error_code ignored;
-    const std::string drop_ins = std::string(directory) + "/" + full_unit_name(unit) + ".d";
-    for (const auto& drop_in : fs::directory_iterator(drop_ins, ignored)) {
-      if (says_so(drop_in.path())) {
-        return true;
+  const std::string name = full_unit_name(unit);
+  for (const std::string& owner : {template_of(name), name}) {
+    // The last word counts, and the first directories have it.
+    for (auto place = kUnitDirectories.rbegin(); place != kUnitDirectories.rend(); ++place) {
+      const std::string drop_ins = std::string(*place) + "/" + owner + ".d/";
+      for (const std::string& file : names_in(drop_ins)) {
+        if (file.ends_with(".conf")) {
+          read_refusal(drop_ins + file, refuses);
+        }
       }
     }
   }
-  return false;
+  return refuses;
 }
 
 }  // namespace valta::inspect

@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <filesystem>
 #include <map>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -22,6 +26,7 @@
 #include "utils/text.h"
 
 namespace valta::inspect {
+namespace fs = std::filesystem;
 namespace {
 
 std::optional<std::string> read_log() {
@@ -29,19 +34,23 @@ std::optional<std::string> read_log() {
   return try_read_file(kLogPath, text) ? std::optional(text) : std::nullopt;
 }
 
-/// Whether the run came as far as the manifest, so that what is left is left for a reason.
-bool came_to_the_manifest(const Report& report) {
-  return report.outcome <= Outcome::shared || report.outcome == Outcome::failed;
+/// When the log was last written to, or replaced.
+std::pair<std::int64_t, std::int64_t> time_of_log() {
+  struct stat status {};
+  stat(kLogPath, &status);
+  return {status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
 void take_deeds(const Rehearsal& rehearsal, Report& report) {
   report.unloaded.clear();
   for (const std::string& deed : rehearsal.deeds) {
-    const std::vector<std::string> words = split(deed, ' ');
-    if (words[0] == "unloaded") {
-      report.unloaded.push_back(words[1]);
+    const auto blank = deed.find(' ');
+    const std::string done = deed.substr(0, blank);
+    const std::string object = deed.substr(blank + 1);
+    if (done == "unloaded") {
+      report.unloaded.push_back(object);
     } else {
-      report.services.push_back({words[1], words[0]});
+      report.services.push_back({object, done});
     }
   }
 }
@@ -57,15 +66,21 @@ void explain_hanging(const Rehearsal& rehearsal, int timeout, Report& report) {
   }
 }
 
-/// Names what a run would do on file systems that the image has read-only.
+/// Names what a run would do on file systems that the image has read-only, or lacks.
 void admit_uncertainty(const Image& image, const Installation& installation, Report& report) {
   std::vector<std::string> paths(kConfigurationPaths.begin(), kConfigurationPaths.end());
+  paths.insert(paths.end(), {kLogPath, "/lib/modules/", "/etc/systemd/system/"});
   for (const ManifestEntry& entry : installation.entries) {
     paths.push_back(entry.path);
   }
+  for (const std::string& version : installation.registrations) {
+    paths.insert(paths.end(), {version, std::string(kSourcePrefix) + last_component(version)});
+  }
   for (const std::string& point : image.read_only()) {
     const auto below = std::count_if(paths.begin(), paths.end(), [&](const std::string& path) {
-      return path.starts_with(point + "/");
+      std::error_code ignored;
+      const fs::path directory = fs::weakly_canonical(fs::path(path).parent_path(), ignored);
+      return (directory.string() + "/").starts_with(point + "/");
     });
     if (below > 0) {
       report.add("uncertain", Severity::blocks,
@@ -79,14 +94,17 @@ void admit_uncertainty(const Image& image, const Installation& installation, Rep
 /// What the run would do, as the image shows it.
 void foretell(const std::string& program, int timeout, const Installation& installation,
               Report& report) {
+  const auto earlier = time_of_log();
   const Image image;
   const Rehearsal rehearsal = rehearse(image, program, timeout);
   Image::Changes changes = image.changes();
-  look_at_holders(rehearsal.modules, report);
+  look_at_holders(rehearsal.modules, installation, report);
   admit_uncertainty(image, installation, report);
 
   image.look_inside();
-  judge({rehearsal.status, rehearsal.console, rehearsal.output, read_log(), dkms_registrations(),
+  // A run that wrote no log is not to be judged by that of an earlier one.
+  judge({rehearsal.status, rehearsal.console, rehearsal.output,
+         time_of_log() == earlier ? std::nullopt : read_log(), dkms_registrations(),
          path_exists(installation.root)},
         report);
   report.removed = std::move(changes.removed);
@@ -147,19 +165,20 @@ Report before(const std::string& program, int timeout) {
   const Installation installation = read_installation();
   look_at_manifest(installation, report);
   look_at_units(installation, report);
+  look_at_instances(installation, report);
   look_at_tools(installation, report);
   look_at_log_space(report);
   look_at_trust(report);
-  look_at_unseen(report);
+  look_at_unseen(installation, report);
   try {
     if (!obstacle.empty()) {
       throw NotPossible(obstacle);
     }
     foretell(program, timeout, installation, report);
-  } catch (const NotPossible& problem) {
+  } catch (const std::exception& problem) {
     report.outcome = Outcome::unknown;
     report.reason = problem.what();
-    look_at_holders(loaded_modules(), report);
+    look_at_holders(loaded_modules(), installation, report);
   }
   return report;
 }
@@ -170,13 +189,16 @@ Report after(std::optional<int> status, const std::string& console) {
   const Installation installation = read_installation();
   judge({status, console, "", read_log(), dkms_registrations(), path_exists(installation.root)},
         report);
-  if (access(kLogPath, R_OK) != 0 && errno == EACCES) {
-    report.reason = std::string("only root can read ") + kLogPath;
+  for (const char* const file : {kLogPath, kUninstallManifestPath}) {
+    if (access(file, R_OK) != 0 && errno == EACCES) {
+      report.outcome = Outcome::unknown;
+      report.reason = std::string("only root can read ") + file;
+    }
   }
   name_kinds(installation, report);
   if (!came_to_the_manifest(report)) {
     tell_to_run_again(installation, report);
-    look_at_holders(loaded_modules(), report);
+    look_at_holders(loaded_modules(), installation, report);
     return report;
   }
   if (report.outcome == Outcome::failed) {
@@ -184,6 +206,7 @@ Report after(std::optional<int> status, const std::string& console) {
   }
   look_at_remains(installation, report);
   look_at_known_units(installation, report);
+  look_at_instances(installation, report);
   look_at_loaded_modules(report);
   return report;
 }
