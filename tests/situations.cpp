@@ -142,7 +142,8 @@ std::vector<Situation> situations() {
        .unloads = false},
       {.name = "Container",
        .manifest = {"SERVICE u " + kEmpty, "DKMS latest"},
-       .prepare = "echo '0::/x/docker-1.scope' >/proc/self/cgroup",
+       .prepare =
+           "echo '0::/x/docker-1.scope' >/proc/self/cgroup; file /etc/systemd/system/u.service",
        .log = "Debug: seeking docker found line is #0::/x/docker-1.scope#\n"
               "Skip systemctl in side docker.\n"
               "Debug: seeking docker found line is #0::/x/docker-1.scope#\n"
