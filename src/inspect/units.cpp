@@ -91,16 +91,18 @@ bool refuses_to_stop(const std::string& unit) {
     read_refusal(files.front(), refuses);
   }
   const std::string name = full_unit_name(unit);
-  for (const std::string& owner : {template_of(name), name}) {
-    // The last word counts, and the first directories have it.
-    for (auto place = kUnitDirectories.rbegin(); place != kUnitDirectories.rend(); ++place) {
-      const std::string drop_ins = std::string(*place) + "/" + owner + ".d/";
-      for (const std::string& file : names_in(drop_ins)) {
-        if (file.ends_with(".conf")) {
-          read_refusal(drop_ins + file, refuses);
-        }
+  const auto read_drop_ins = [&](const std::string& directory) {
+    for (const std::string& file : names_in(directory)) {
+      if (file.ends_with(".conf")) {
+        read_refusal(directory + file, refuses);
       }
     }
+  };
+  for (const std::string& owner : {template_of(name), name}) {
+    // The last word counts, and the first directories have it.
+    std::for_each(kUnitDirectories.rbegin(), kUnitDirectories.rend(), [&](const char* directory) {
+      read_drop_ins(std::string(directory) + "/" + owner + ".d/");
+    });
   }
   return refuses;
 }
