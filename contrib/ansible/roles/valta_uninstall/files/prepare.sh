@@ -1,28 +1,46 @@
 #!/bin/sh
-# Makes the place of a run on the host: prepare.sh PLACE OWN PROGRAM...
+# Makes the place of a run on the host: prepare.sh PLACE KEPT OWN PROGRAM...
 #
 # Puts each PROGRAM there from OWN, the host's directory of programs; one that an earlier run
-# deleted there was put aside in front of it. Prints "found" and touches nothing when the place has
-# a run that goes on, or one whose end nobody has seen yet.
+# deleted there was put aside in KEPT, the place of real runs. Prints "found" and starts nothing when
+# the place has a run that goes on, or one whose end nobody has seen yet.
 set -eu
 umask 077
 place=$1
-own=$2
-shift 2
+kept=$2
+own=$3
+shift 3
 
-if [ -e "$place/evidence.tar" ] ||
-  { [ -e "$place/run/pid" ] && kill -0 "$(cat "$place/run/pid")" 2>/dev/null; }; then
+is_running() {
+  [ -e "$place/run/pid" ] && read -r pid boot <"$place/run/pid" &&
+    [ "$boot" = "$(cat /proc/sys/kernel/random/boot_id 2>/dev/null)" ] && kill -0 "$pid" 2>/dev/null
+}
+
+# A rehearsal that has ended is out of date.
+[ "$place" = "$kept" ] || is_running || rm -rf "$place"
+if [ -e "$place/run/pid" ]; then
+  # What was cut off, by a restart of the host perhaps, has not packed its evidence.
+  if ! is_running && [ ! -e "$place/evidence.tar" ]; then
+    cd "$place/run"
+    tar -cf ../evidence.new -- *
+    mv ../evidence.new ../evidence.tar
+  fi
   echo found
   exit
 fi
 for program; do
-  [ -x "$own/$program" ] || [ -x "$place/$program" ] || {
-    echo "the host has no $own/$program; valta_uninstall_program copies one there" >&2
+  [ -x "$own/$program" ] || [ -x "$kept/$program" ] || {
+    echo "the host has no $own/$program; valta_uninstall_own names another directory," \
+      "valta_uninstall_program and valta_uninstall_inspect copy the programs there" >&2
     exit 1
   }
 done
-rm -rf "$place/run"
+rm -rf "$place/run" "$place/evidence.tar"
 mkdir -p "$place/run"
 for program; do
-  [ ! -x "$own/$program" ] || cp "$own/$program" "$place/"
+  if [ -x "$own/$program" ]; then
+    cp "$own/$program" "$place/"
+  elif [ "$place" != "$kept" ]; then
+    cp "$kept/$program" "$place/"
+  fi
 done

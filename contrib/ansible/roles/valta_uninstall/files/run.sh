@@ -12,7 +12,9 @@ path=$3
 seconds=$4
 shift 4
 cd "$place/run" || exit
-echo $$ >pid
+boot=$(cat /proc/sys/kernel/random/boot_id 2>/dev/null)
+# Another play may have started a run here meanwhile: its file must not be overwritten.
+(set -C && echo "$$ $boot" >pid) || exit
 
 run() { env -i PATH="$path" HOME=/root LC_ALL=C "$@"; }
 identify() { stat -c '%i %s %y %z' "$log" 2>/dev/null; }
@@ -24,14 +26,17 @@ for step; do
     run)
       earlier=$(identify)
       (umask 022 && run ../valta-driver-uninstaller >stdout 2>stderr </dev/null)
-      echo $? >status
-      # A run without a log of its own would be judged by an earlier one's.
-      [ "$(identify)" != "$earlier" ] || continue
-      cp "$log" log
-      run ../valta-driver-inspect after --json --status "$(cat status)" --console stderr \
+      status=$?
+      echo "$status" >status
+      if [ "$(identify)" != "$earlier" ]; then
+        cp "$log" log
+      else
+        # It would be judged by an earlier run's log, unless the status tells that it did nothing.
+        case $status in 1 | 7 | 126 | 127 | 255) ;; *) continue ;; esac
+      fi
+      run ../valta-driver-inspect after --json --status "$status" --console stderr \
         >after.json 2>after.err
       echo $? >judged ;;
   esac
 done
-tar -cf ../evidence.new -- *
-mv ../evidence.new ../evidence.tar
+tar -cf ../evidence.new -- * && mv ../evidence.new ../evidence.tar
