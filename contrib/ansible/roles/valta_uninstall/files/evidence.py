@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Keeps the evidence of a play on the controller, and sums it up.
 
-    evidence.py open LOGS [--play DIRECTORY] [--check] [--limited]   <{"all": [...], "batch": [...]}
-    evidence.py judge DIRECTORY [--max-failed JSON]                  <{HOST: {"outcome", "reason"}}
-    evidence.py report LOGS [--check]
+    evidence.py open LOGS [--play DIRECTORY] [--check] [--limited] --max-failed LIMITS
+                                                       <{"all": [HOST...], "batch": [HOST...]}
+    evidence.py judge DIRECTORY [--max-failed LIMITS]  <{HOST: {"found"} or {"outcome", "reason"}}
+    evidence.py report LOGS [--play DIRECTORY] [--check]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
 directory holds summary.json, summary.txt, "again" with the hosts that are not done, and for each
@@ -13,6 +14,7 @@ host what its run left. Whatever a host says is text here, and reaches no termin
 import argparse
 import json
 import os
+import re
 import shutil
 import sys
 import tarfile
@@ -26,12 +28,9 @@ OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "
             "not-started") + GOOD
 # These tell of a run gone wrong; the others that nothing happened, or that all is well.
 FAILED = OUTCOMES[:5]
-# Runs of these are tried, or looked for, once more in the same play.
-AGAIN = ("busy", "lost", "unfinished")
 ADVICE = {
+    **dict.fromkeys(FAILED, "see to the reason, then resume"),
     "busy": "stop what uses the driver",
-    "lost": "the run may be going on: the next play finds it again and judges it",
-    "unfinished": "look whether it is going on: the next play finds it again and judges it",
     "unreachable": "see to the connection",
 }
 
@@ -75,81 +74,103 @@ def objects(found, key):
     return [item for item in items if isinstance(item, dict)] if isinstance(items, list) else []
 
 
+def findings(found, severity):
+    return [item for item in objects(found, "findings") if item.get("severity") == severity]
+
+
+def record_of(outcome, reason, **rest):
+    """What the summary has of a host. "out": it may have a run that no play has seen the end of."""
+    return {"outcome": outcome, "status": None, "reason": reason, "blocks": [], "keeps": [],
+            "stays": [], "changed": False, "tries": 0, "evidence": None, "out": False, **rest}
+
+
+def not_started(former):
+    """A host whose batch is to come, with what an earlier play said of it."""
+    reason = "its batch did not start"
+    if former and former["outcome"] == "not-started":
+        reason = former["reason"]
+    elif former:
+        reason += "; before: %(outcome)s: %(reason)s" % former
+    out = former and (former["out"] or former["outcome"] == "unknown" and not former["evidence"])
+    return record_of("not-started", reason, out=bool(out))
+
+
 class Play:
     def __init__(self, directory):
         self.directory = directory
         self.state = read_object(directory, "summary.json")
         self.hosts = self.state.setdefault("hosts", {})
 
-    def mark(self, names, outcome, reason):
-        for name in names:
-            self.hosts[name] = {"outcome": outcome, "status": None, "reason": reason,
-                                "out": self.is_out(name)}
-
-    def is_out(self, name):
-        """Whether the host may have a run that no play has seen the end of."""
-        record = self.hosts.get(name, {})
-        return record.get("out", False) or record.get("outcome") in ("lost", "unfinished")
-
-    def judge(self, name, trouble):
-        """Takes over what was fetched of a host, and the trouble that Ansible had with it."""
-        place = os.path.join(self.directory, name)
-        tries = 1 + self.hosts.get(name, {}).get("tries", 0)
-        if tries > 1:
-            place = os.path.join(place, "try-%d" % tries)
+    def judge(self, name, told):
+        """The record of a host after a try. Ansible has told whether it "found" the run there, or
+        the outcome and the reason of its trouble."""
+        former = self.hosts[name]
+        outcome = told.get("outcome")
+        tries = former["tries"] + 1
+        if outcome == "unreachable" and tries > 1:
+            return former
+        if outcome == "unreachable" and former["out"]:
+            outcome = "lost"
+        if outcome:
+            return record_of(outcome, plain(told["reason"]), tries=tries,
+                             out=former["out"] or outcome in ("lost", "unfinished"))
+        place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
         self.unpack(name, place)
         rehearsal = read_object(place, "before.json")
         found = rehearsal if self.state["check"] else read_object(place, "after.json")
-        ended = read(place, "status").strip()
-        status = int(ended) if ended.isdigit() else found.get("status")
-        outcome, reason = found.get("outcome"), found.get("reason")
-        if trouble:
-            outcome, reason = trouble["outcome"], trouble["reason"]
-            if outcome == "unreachable" and self.is_out(name):
-                outcome = "lost"
-        elif not found and ended and not read(place, "after.err"):
-            reason = "the run wrote no log"
-        elif not found:
-            errors = read(place, "before.err" if self.state["check"] else "after.err").splitlines()
-            reason = "valta-driver-inspect gave no answer: " + (errors[-1] if errors else "")
-        removed = objects(found, "removed")
-        record = {
-            "outcome": outcome if outcome in OUTCOMES else "unknown",
-            "status": status if isinstance(status, int) else None,
-            "reason": plain(reason) or "%d paths removed" % len(removed),
-            "blocks": [sentence(item)
-                       for item in objects(found, "findings") or objects(rehearsal, "findings")
-                       if item.get("severity") == "blocks"],
-            "stays": ["%s (%s)" % (plain(item.get("path")), plain(item.get("reason")))
-                      for item in objects(found, "kept")],
-            "changed": bool(removed or found.get("unloaded")),
-            "tries": tries,
-            "evidence": place if os.path.isdir(place) else None,
-        }
-        self.hosts[name] = record
-        return record
+        ended = read(place, "status")
+        outcome, reason = found.get("outcome"), plain(found.get("reason"))
+        if not found:
+            outcome, reason = self.explain(place, ended)
+        reason = reason or "%d paths removed" % len(objects(found, "removed"))
+        if told.get("found") and tries == 1:
+            reason = "found from an earlier play: " + reason
+        status = ended or found.get("status")
+        blocks = findings(found, "blocks")
+        if outcome not in GOOD:
+            blocks = blocks or findings(rehearsal, "blocks")
+        kept = objects(found, "kept")
+        paths = [item.get("path") for item in kept]
+        return record_of(
+            outcome if outcome in OUTCOMES else "unknown", reason,
+            status=None if status is None else int(status),
+            blocks=[sentence(item) for item in blocks],
+            keeps=[sentence(item) for item in findings(found, "keeps")
+                   if item.get("where") not in paths],
+            stays=["%s (%s)" % (plain(item.get("path")), plain(item.get("reason")))
+                   for item in kept],
+            # The log names neither configuration nor companion modules: the rehearsal does.
+            changed=bool(ended) and outcome != "nothing-done" and any(
+                told.get(key) for told in (found, rehearsal) for key in ("removed", "unloaded")),
+            tries=tries, evidence=place)
+
+    def explain(self, place, ended):
+        """Why there is no judgement."""
+        if not ended and not self.state["check"]:
+            return "unfinished", "the run was cut off: the host was restarted, or the run killed"
+        if ended and not read(place, "log"):
+            return "unknown", "the run wrote no log"
+        errors = read(place, "before.err" if self.state["check"] else "after.err").splitlines()
+        return "unknown", plain("valta-driver-inspect gave no answer: " + "".join(errors[-1:]))
 
     def unpack(self, name, place):
         """Of an archive that a host made nothing but the known files is taken, by name."""
         archive = os.path.join(self.directory, "fetched", name)
-        if not os.path.exists(archive):
-            return
         os.makedirs(place)
-        try:
-            with tarfile.open(archive) as tar:
-                for member in tar:
-                    if member.isfile() and member.name in FILES:
-                        with open(os.path.join(place, member.name), "wb") as file:
-                            shutil.copyfileobj(tar.extractfile(member), file)
-        except tarfile.TarError as error:
-            write("the evidence cannot be read: %s\n" % error, place, "after.err")
+        with tarfile.open(archive, "r:") as tar:
+            for member in tar:
+                if member.isfile() and member.name in FILES:
+                    with open(os.path.join(place, member.name), "wb") as file:
+                        shutil.copyfileobj(tar.extractfile(member), file)
         os.remove(archive)
 
     def keep(self):
         self.state["schema"] = 1
         write(json.dumps(self.state, indent=1), self.directory, "summary.json")
         write("".join(line + "\n" for line in self.lines()), self.directory, "summary.txt")
-        write("".join(name + "\n" for name in self.not_done()), self.directory, "again")
+        # An empty file would limit a play to nothing, which Ansible takes for all hosts.
+        names = self.not_done() or ["!all"]
+        write("".join(name + "\n" for name in names), self.directory, "again")
 
     def not_done(self):
         return [name for name, record in self.hosts.items() if record["outcome"] not in GOOD]
@@ -174,72 +195,103 @@ class Play:
                 yield ""
             for name, record in group:
                 status = "-" if record["status"] is None else str(record["status"])
-                stays = [] if outcome == "busy" else record.get("stays", [])
+                stays = [] if outcome == "busy" else record["stays"]
                 kept = "; stays: " + ", ".join(stays[:3]) if stays else ""
                 more = " and %d more" % (len(stays) - 3) if stays[3:] else ""
                 yield "%-*s  %-12s %4s  %s%s%s" % (
                     width, name, outcome, status, record["reason"], kept, more)
-                if outcome not in GOOD:
-                    for text in record.get("blocks") or filter(None, [ADVICE.get(outcome)]):
-                        yield "%*s  -> %s" % (width, "", text)
+                for text in self.next_steps(record):
+                    yield "%*s  -> %s" % (width, "", text)
+
+    def next_steps(self, record):
+        """What to do for a host, or in check mode what to know of it."""
+        if record["out"]:
+            return ["the run may be going on: the next play finds it again and judges it"]
+        steps = record["blocks"]
+        if self.state["check"] or record["outcome"] not in GOOD and not steps:
+            steps = steps + record["keeps"][:3]
+        return steps or filter(None, [ADVICE.get(record["outcome"])])
+
+
+def new_play(options, names):
+    latest = os.path.join(options.path, "latest-check" if options.check else "latest")
+    earlier = read_object(latest, "summary.json").get("hosts", {})
+    name = time.strftime("%Y-%m-%dT%H-%M-%S") + ("-check" if options.check else "")
+    os.makedirs(options.path, exist_ok=True)
+    for suffix in range(1, 100):
+        try:
+            again = "-%d" % suffix if suffix > 1 else ""
+            directory = os.path.join(options.path, name + again)
+            os.mkdir(directory)
+            break
+        except FileExistsError:
+            pass
+    play = Play(directory)
+    play.state.update(check=options.check, batches=0)
+    play.hosts.update(earlier if options.limited else {})
+    play.hosts.update({name: not_started(earlier.get(name)) for name in names})
+    if os.path.lexists(latest + ".new"):
+        os.remove(latest + ".new")
+    os.symlink(os.path.basename(directory), latest + ".new")
+    os.replace(latest + ".new", latest)
+    return play
 
 
 def open_play(options, told):
-    if options.play:
-        play = Play(options.play)
-    else:
-        latest = os.path.join(options.path, "latest-check" if options.check else "latest")
-        earlier = read_object(latest, "summary.json").get("hosts", {}) if options.limited else {}
-        name = time.strftime("%Y-%m-%dT%H-%M-%S") + ("-check" if options.check else "")
-        os.makedirs(options.path, exist_ok=True)
-        for suffix in range(1, 100):
-            try:
-                again = "-%d" % suffix if suffix > 1 else ""
-                directory = os.path.join(options.path, name + again)
-                os.mkdir(directory)
-                break
-            except FileExistsError:
-                pass
-        play = Play(directory)
-        play.state.update(check=options.check, batches=0)
-        play.hosts.update(earlier)
-        play.mark(told["all"], "not-started", "its batch did not start")
-        if os.path.lexists(latest + ".new"):
-            os.remove(latest + ".new")
-        os.symlink(os.path.basename(directory), latest + ".new")
-        os.replace(latest + ".new", latest)
-    play.mark(told["batch"], "unknown", "the play ended before the host was judged")
+    play = Play(options.play) if options.play else new_play(options, told["all"])
+    for name in told["batch"]:
+        play.hosts[name] = record_of("unknown", "the play ended before the host was judged",
+                                     out=play.hosts.get(name, {}).get("out", False))
     play.keep()
     print(play.directory)
 
 
+def limits_of(text):
+    """The limits by batch: a number, a percentage, or a list of them as Ansible prints it."""
+    limits = re.sub(r"[][\s'\"]", "", text).split(",")
+    if not all(re.fullmatch(r"\d+(\.\d+)?%?", limit) for limit in limits):
+        raise argparse.ArgumentTypeError("valta_uninstall_max_failed makes no sense: " + text)
+    return limits
+
+
 def is_beyond(limits, batch, failed, hosts):
-    limits = limits if isinstance(limits, list) else [limits]
-    limit = str(limits[min(batch, len(limits) - 1)])
+    limit = limits[min(batch, len(limits) - 1)]
     return failed > (hosts * float(limit[:-1]) / 100 if limit.endswith("%") else float(limit))
 
 
 def judge(options, told):
     play = Play(options.path)
-    judged = {name: play.judge(name, trouble) for name, trouble in told.items()}
-    failed = sum(record["outcome"] in FAILED for record in judged.values())
+    judged = {}
+    for name, trouble in told.items():
+        try:
+            judged[name] = play.judge(name, trouble)
+        except Exception as error:  # what one host sent must not end the play of all
+            judged[name] = record_of(
+                "unknown", plain("the evidence cannot be read: %r" % error),
+                evidence=os.path.join(play.directory, "fetched", name))
+    play.hosts.update(judged)
+    outcomes = [record["outcome"] for record in judged.values()]
     stop = False
-    if options.max_failed is not None:
-        stop = is_beyond(json.loads(options.max_failed), play.state["batches"], failed, len(told))
-        play.state["batches"] += 1
+    if options.max_failed:
+        failed = sum(outcome in FAILED for outcome in outcomes)
+        stop = is_beyond(options.max_failed, play.state["batches"], failed, len(told))
+        # A batch that came to no host has shown nothing.
+        play.state["batches"] += any(o not in ("busy", "unreachable") for o in outcomes)
     play.keep()
     print(json.dumps({
         "hosts": {n: {"outcome": r["outcome"], "changed": r["changed"]} for n, r in judged.items()},
-        "again": [n for n, r in judged.items() if r["outcome"] in AGAIN],
+        "again": [n for n, r in judged.items() if r["outcome"] == "busy" or r["out"]],
         "stop": stop,
     }))
 
 
 def report(options):
-    play = Play(os.path.realpath(
+    play = Play(options.play or os.path.realpath(
         os.path.join(options.path, "latest-check" if options.check else "latest")))
+    if not play.hosts:
+        sys.exit("there is no summary in " + play.directory)
     print(read(play.directory, "summary.txt"), end="")
-    return 1 if play.not_done() else 0
+    return 3 if play.not_done() else 0
 
 
 def main():
@@ -249,7 +301,7 @@ def main():
     parser.add_argument("--play")
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--limited", action="store_true")
-    parser.add_argument("--max-failed")
+    parser.add_argument("--max-failed", type=limits_of)
     options = parser.parse_args()
     if options.verb == "report":
         return report(options)
