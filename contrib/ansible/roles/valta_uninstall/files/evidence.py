@@ -43,7 +43,7 @@ def plain(value):
 def sentence(finding):
     """The finding in a line: the place is told if the text does not name it."""
     text, where, do = (plain(finding.get(key)) for key in ("text", "where", "do"))
-    return ": ".join(filter(None, (text, "" if where in text else where, do)))
+    return ": ".join(filter(None, (text.rstrip("."), "" if where in text else where, do)))
 
 
 def read(*path):
