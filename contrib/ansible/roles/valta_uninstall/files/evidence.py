@@ -116,15 +116,18 @@ class Play:
                              out=former["out"] or outcome in ("lost", "unfinished"))
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
         self.unpack(name, place)
+        record = self.judge_evidence(place)
+        if told.get("found") and tries == 1:
+            record["reason"] = "found from an earlier play: " + record["reason"]
+        return {**record, "tries": tries}
+
+    def judge_evidence(self, place):
         rehearsal = read_object(place, "before.json")
         found = rehearsal if self.state["check"] else read_object(place, "after.json")
         ended = read(place, "status")
         outcome, reason = found.get("outcome"), plain(found.get("reason"))
         if not found:
             outcome, reason = self.explain(place, ended)
-        reason = reason or "%d paths removed" % len(objects(found, "removed"))
-        if told.get("found") and tries == 1:
-            reason = "found from an earlier play: " + reason
         status = ended or found.get("status")
         blocks = findings(found, "blocks")
         if outcome not in GOOD:
@@ -132,7 +135,8 @@ class Play:
         kept = objects(found, "kept")
         paths = [item.get("path") for item in kept]
         return record_of(
-            outcome if outcome in OUTCOMES else "unknown", reason,
+            outcome if outcome in OUTCOMES else "unknown",
+            reason or "%d paths removed" % len(objects(found, "removed")),
             status=None if status is None else int(status),
             blocks=[sentence(item) for item in blocks],
             keeps=[sentence(item) for item in findings(found, "keeps")
@@ -141,8 +145,9 @@ class Play:
                    for item in kept],
             # The log names neither configuration nor companion modules: the rehearsal does.
             changed=bool(ended) and outcome != "nothing-done" and any(
-                told.get(key) for told in (found, rehearsal) for key in ("removed", "unloaded")),
-            tries=tries, evidence=place)
+                source.get(key) for source in (found, rehearsal)
+                for key in ("removed", "unloaded")),
+            evidence=place)
 
     def explain(self, place, ended):
         """Why there is no judgement."""
@@ -262,9 +267,9 @@ def is_beyond(limits, batch, failed, hosts):
 def judge(options, told):
     play = Play(options.path)
     judged = {}
-    for name, trouble in told.items():
+    for name, of_host in told.items():
         try:
-            judged[name] = play.judge(name, trouble)
+            judged[name] = play.judge(name, of_host)
         except Exception as error:  # what one host sent must not end the play of all
             judged[name] = record_of(
                 "unknown", plain("the evidence cannot be read: %r" % error),

@@ -2,8 +2,8 @@
 # Makes the place of a run on the host: prepare.sh PLACE KEPT OWN PROGRAM...
 #
 # Puts each PROGRAM there from OWN, the host's directory of programs; one that an earlier run
-# deleted there was put aside in KEPT, the place of real runs. Prints "found" and starts nothing when
-# the place has a run that goes on, or one whose end nobody has seen yet.
+# deleted there was put aside in KEPT, the place of real runs. Prints "found" and makes nothing when
+# PLACE has a run that goes on, or one whose end nobody has seen yet.
 set -eu
 umask 077
 place=$1
