@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <thread>
 
+#include "inspect/holders.h"
 #include "inspect/judge.h"
 #include "inspect/modules.h"
 #include "inspect/mounts.h"
@@ -23,6 +24,7 @@
 using namespace valta;
 using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
 
 using Names = std::set<std::string>;
 using Listing = std::map<std::string, std::string>;
@@ -135,12 +137,15 @@ TEST_F(Inspect, FindsWhatIsOddAboutAHost) {
       "for unit in masked copied refusing t@; do file /lib/systemd/system/$unit.service; done; "
       "ln -s /dev/null /etc/systemd/system/masked.service; file "
       "/run/systemd/generator/copied.service; "
-      "file /lib/systemd/system/refusing.service RefuseManualStop=yes; "
+      "file /lib/systemd/system/refusing.service RefuseManualStop=no; "
+      "file /lib/systemd/system/refusing.service.d/x.conf \"RefuseManualStop = Yes\"; "
       "ln -s /lib/systemd/system/t@.service /etc/systemd/system/x.wants/t@1.service; "
       "file /etc/dkms/framework.conf.d/x.conf dkms_tree=/elsewhere; "
       "file /elsewhere/valta/1/source/a; file /usr/src/valta-1/dkms.conf; "
+      "ln -s /missing /etc/systemd/system/x.wants/t@2.service; "
       "ln -s /missing /etc/systemd/system/x.wants/gone.service; : >/run/active/copied; "
       "file /lib/modules/6.1/updates/zvrfs.ko.xz; file /not-compared; file /last; file /no-digest; "
+      "file \"/quote'd\"; "
       "file /v/lib64/libcudart.so; file /v/shared; rm /usr/bin/md5sum; file /etc/zephanor/x; "
       "mkdir /opt; ln -s /usr/sbin/dkms /opt/dkms");
   host.manifest({"VALTA /v", "FILE /usr/src/valta-1/dkms.conf x", "DKMS latest",
@@ -164,6 +169,8 @@ TEST_F(Inspect, FindsWhatIsOddAboutAHost) {
   }
   EXPECT_EQ(lines, (Names{"6", "7", "8", "9", "11", "18"}));
 
+  EXPECT_THAT(all_of(foretold.report["findings"], "where"), Not(Contains("t@2")));
+
   EXPECT_EQ(host.run().status, 145);
   host.load_module("zvrfs");
   const Inspection judged = host.inspect("after");
@@ -172,7 +179,7 @@ TEST_F(Inspect, FindsWhatIsOddAboutAHost) {
               testing::IsSupersetOf({"configuration-left", "directory-stays", "dkms-registered",
                                      "dkms-sources", "file-not-compared", "manifest-left",
                                      "module-built", "module-loaded", "shared-kept", "unit-active",
-                                     "unit-known", "unit-link"}));
+                                     "unit-instance", "unit-known", "unit-link"}));
 }
 
 TEST_F(Inspect, CrossesFileSystemsAndSaysWhereItCannot) {
@@ -208,10 +215,11 @@ TEST_F(Inspect, EndsARehearsalThatHangsAndSaysOnWhat) {
 
 TEST_F(Inspect, GivesTheProgramNoWayToTheHostAndNoLogOfAnother) {
   host.sh("file " + kLog + " '" + kSucceeded + "'; tool /usr/sbin/dkms '" +
-          "sed -n s/^CapEff:.//p /proc/self/status; sed -n s/^NoNewPrivs:.//p /proc/self/status; "
+          "for what in CapEff NoNewPrivs NSsid; do sed -n s/^$what:.//p /proc/self/status; done; "
+          "sed -n \"s/^Max core file size *1 .*/no core/p\" /proc/self/limits; "
           "[ ! -e /proc/self/fd/5 ] || echo open'");
   const Inspection foretold = host.inspect("before --program /usr/sbin/dkms");
-  EXPECT_EQ(foretold.report["output"], "000000000000001b\n1\n");
+  EXPECT_EQ(foretold.report["output"], "000000000000001b\n1\n2\nno core\n");
   EXPECT_EQ(foretold.report["outcome"], "unknown");
 }
 
@@ -225,7 +233,10 @@ TEST_F(Inspect, PrintsThePagesOfTheReadme) {
     for (const std::string& line : split(page, '\n')) {
       shown += (line.empty() ? "" : "    " + line) + "\n";
     }
-    EXPECT_THAT(readme, HasSubstr(std::regex_replace(shown, std::regex(kStackVersion), "VERSION")));
+    std::smatch block;
+    std::regex_search(readme, block,
+                      std::regex("    \\$ valta-driver-inspect " + verb + "\n(    .*\n|\n)*"));
+    EXPECT_EQ(block.str(), std::regex_replace(shown, std::regex(kStackVersion), "VERSION") + "\n");
     host.run();
   }
 }
@@ -324,6 +335,13 @@ TEST(Modules, UnloadingOneFreesTheOnesItUsed) {
   EXPECT_EQ(inspect::unload_module(modules, "x-y"), "Module x-y is not currently loaded");
   EXPECT_EQ(inspect::unload_module(modules, "b"), std::nullopt);
   EXPECT_EQ(inspect::format_modules(modules), "a 1 1 c, Live 0x0\nc 1 1 - Live 0x0\n");
+}
+
+TEST(Holders, AreNotTheModulesThatARunUnloads) {
+  inspect::Report report;
+  inspect::look_at_holders("zephanor 1 1 zvrfs,[permanent], -\nzvrfs 1 0 -\n", {}, report);
+  ASSERT_EQ(report.findings.size(), 1U);
+  EXPECT_THAT(report.findings[0].text, HasSubstr("[permanent]"));
 }
 
 TEST(Mounts, AreReadWithTheirOddNames) {

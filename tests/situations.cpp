@@ -14,9 +14,6 @@ const std::string kOfed =
     "file /usr/src/ofa_kernel/default/include/rdma/peer_mem.h; "
     "file /usr/src/ofa_kernel/default/Module.symvers; ";
 const std::string kStopped = "Error: failed in removing.\nUninstall valta driver zephanor failed.";
-const std::string kNotBooted =
-    "System has not been booted with systemd as init system (PID 1). Can't operate.\n"
-    "Failed to connect to bus: Host is down\n";
 const std::string kUnit = "/lib/systemd/system/u.service";
 const std::string kAnyDigest = "tool /usr/bin/md5sum 'echo digest of $1'; ";
 
@@ -143,7 +140,8 @@ std::vector<Situation> situations() {
       {.name = "Container",
        .manifest = {"SERVICE u " + kEmpty, "DKMS latest"},
        .prepare =
-           "echo '0::/x/docker-1.scope' >/proc/self/cgroup; file /etc/systemd/system/u.service",
+           "echo '0::/x/docker-1.scope' >/proc/self/cgroup; file /etc/systemd/system/u.service; "
+           "file /var/lib/dkms/valta/1/source/a; rm /usr/sbin/dkms",
        .log = "Debug: seeking docker found line is #0::/x/docker-1.scope#\n"
               "Skip systemctl in side docker.\n"
               "Debug: seeking docker found line is #0::/x/docker-1.scope#\n"
@@ -232,12 +230,11 @@ std::vector<Situation> situations() {
        .runs = disable_and_stop("u") + forget_and_ask("u")},
       {.name = "SystemdIsNotRunning",
        .manifest = {"SERVICE u " + kEmpty},
-       .prepare = "rm -r /run/systemd/system; file /not-booted \"" + kNotBooted +
-                  "\"; tool /usr/bin/systemctl '[ $1 = disable ] || sed \"\" /not-booted "
-                  ">&2; exit 1'",
+       .prepare = "rm -r /run/systemd/system; tool /usr/bin/systemctl 'echo no $1 >&2; exit 1'",
        .status = 145,
-       .console = kNotBooted + kFailed,
+       .console = "no reset-failed\n" + kFailed,
        .log = "Uninstall: service:u failed.\n",
+       .finding = "systemd-missing",
        .runs = disable_and_stop("u") + forget_and_ask("u")},
       {.name = "UnitCannotBeDeleted",
        .manifest = {"SERVICE u digest"},
@@ -245,11 +242,12 @@ std::vector<Situation> situations() {
        .status = 145,
        .log = "Uninstall: " + kUnit + " Succeed.\nUninstall: service:u failed.\n",
        .runs = disable_and_stop("u") + md5sum(kUnit) + forget_and_ask("u")},
-      {.name = "DkmsIsMissing",
-       .manifest = {"DKMS latest"},
+      {.name = "DkmsIsMissingAndALinkIsNone",
+       .manifest = {"DKMS latest", "SYMLINK /etc/os-release "},
        .prepare = "rm /usr/sbin/dkms",
        .log = "Warning: dkms not installed, exit dkms uninstall.\n if you have dkms, please check "
               "PATH.Uninstall: /last Succeed.\n",
+       .finding = "manifest-left",
        .goes_on = true},
       {.name = "DkmsRefuses",
        .manifest = {"DKMS latest"},

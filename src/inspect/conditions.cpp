@@ -40,19 +40,22 @@ std::optional<Damage> damage_of(const ManifestEntry& entry, const std::string& l
   if (!ManifestHandlers.contains(entry.type)) {
     return {{Severity::blocks, "has a type that is not known: a run stops there"}};
   }
+  const bool is_file = entry.type == "FILE" || entry.type == "RFILE";
   const std::vector<std::string> fields = split(line, ' ');
   if (has_control_byte(line) || fields.size() > 3) {
     return {{Severity::keeps, "has a blank, or a byte that is no printable character, in a field"}};
   }
-  const bool is_file = entry.type == "FILE" || entry.type == "RFILE";
   const bool names_path = entry.type != "SERVICE" && entry.type != "DKMS";
   if (fields.size() < 2 || fields[1].empty() || (names_path && !entry.path.starts_with('/'))) {
     return {{Severity::keeps, "names nothing that could be removed"}};
   }
+  if (is_file && !path_exists(entry.path)) {
+    return {};
+  }
   if ((is_file || entry.type == "SERVICE") && line.find('\'') != std::string::npos) {
     return {{Severity::keeps, "has a quote, which no shell command of a run gets right"}};
   }
-  if (is_file && (fields.size() < 3 || fields[2].empty()) && path_exists(entry.path)) {
+  if (is_file && (fields.size() < 3 || fields[2].empty())) {
     return {{Severity::keeps, "has no digest, so its file counts as changed"}};
   }
   if (entry.type == "SERVICE" && entry.digest.empty()) {
@@ -221,8 +224,10 @@ void look_at_units(const Installation& installation, Report& report) {
 void look_at_instances(const Installation& installation, Report& report) {
   std::set<std::string> known(installation.units.begin(), installation.units.end());
   for (const std::string& unit : installation.units) {
-    for (const std::string& instance :
-         unit.find('@') == std::string::npos ? std::vector<std::string>() : instances_of(unit)) {
+    if (unit.find('@') == std::string::npos) {
+      continue;
+    }
+    for (const std::string& instance : instances_of(unit)) {
       if (known.insert(instance).second) {
         report.add("unit-instance", Severity::keeps,
                    instance + " has no line in the manifest: a run leaves it, without its file.",
@@ -249,6 +254,12 @@ void look_at_tools(const Installation& installation, Report& report) {
           "tool-odd", Severity::note, "The first " + name + " of PATH is not the system's.", place,
           "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root valta-driver-inspect before");
     }
+  }
+  if (!installation.units.empty() && !is_directory("/run/systemd/system")) {
+    report.add("systemd-missing", Severity::blocks,
+               "systemd does not run, so the first service entry ends the run with 145. Take these "
+               "entries out of the manifest.",
+               kManifest, "vi +/SERVICE " + kManifest);
   }
   look_at_dkms_tree(installation, report);
 }

@@ -5,7 +5,7 @@
 
 namespace valta::inspect {
 
-// What a host says before any run, each as findings. Nothing is executed, and nothing is changed.
+// What a host says without a run, each as findings. Nothing is executed, and nothing is changed.
 
 /// Lines of the manifest that do not say what they seem to say, or come in an unlucky order; and a
 /// manifest that is missing where something is installed.
@@ -18,7 +18,8 @@ void look_at_units(const Installation& installation, Report& report);
 /// too.
 void look_at_instances(const Installation& installation, Report& report);
 
-/// Tools that are missing, or not the system's own; a DKMS tree where a run does not look.
+/// Tools that are missing, or not the system's own; systemd, where it does not run; a DKMS tree
+/// where a run does not look.
 void look_at_tools(const Installation& installation, Report& report);
 
 /// A file system without room for the log.

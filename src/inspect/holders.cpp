@@ -136,11 +136,16 @@ void look_at_holders(const std::string& modules, const Installation& installatio
   const std::vector<Module> list = parse_modules(modules);
   for (const std::string& name : stack_modules()) {
     const Module* const module = find_module(list, name);
-    if (module == nullptr || module->uses == 0) {
+    if (module == nullptr) {
       continue;
     }
     int unnamed = module->uses;
     for (const std::string& user : module->users) {
+      if (user.starts_with('[')) {
+        report.add("module-held", Severity::blocks,
+                   "The module " + name + " is " + user + ": it cannot be unloaded.", name);
+        continue;
+      }
       --unnamed;
       if (!is_unloaded_first(user, list)) {
         report.add("module-held", Severity::blocks,

@@ -262,7 +262,6 @@ void Image::add_layer(const Mount& mounted, int lower) {
       fs::path(root_).replace_filename("layer") / std::to_string(layers_.size());
   const std::string upper = directory + "/upper";
   struct stat status {};
-  layers_.push_back({mounted.point == "/" ? "" : mounted.point, lower, upper});
   // A FUSE file system may deny root even this.
   if (fstat(lower, &status) == 0 && S_ISDIR(status.st_mode)) {
     fs::create_directories(upper);
@@ -273,13 +272,13 @@ void Image::add_layer(const Mount& mounted, int lower) {
                                 ",workdir=" + directory + "/work" + attribute_option(upper);
     if (mount("overlay", target.c_str(), "overlay", mounted.flags | MS_NODEV, options.c_str()) ==
         0) {
+      layers_.push_back({mounted.point == "/" ? "" : mounted.point, lower, upper});
       return;
     }
     if (mounted.point == "/") {
       fail_to("make the root file system the lower layer of an overlay");
     }
   }
-  layers_.pop_back();
   read_only_.push_back(mounted.point);
   // Where even that is not possible, as below an automounter's directory, the image lacks it.
   static_cast<void>(bind_read_only(path_of(lower), target, mounted.flags));

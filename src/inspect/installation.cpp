@@ -27,7 +27,9 @@ Installation read_installation() {
   try_read_file(kUninstallManifestPath, text);
   installation.lines = split(text, '\n');
   installation.entries = parse_manifest(text);
-  const bool in_container = running_in_container();
+  std::string cgroups;
+  try_read_file("/proc/self/cgroup", cgroups);
+  const bool in_container = container_line(cgroups).has_value();
   for (const ManifestEntry& entry : installation.entries) {
     if (entry.type == "VALTA") {
       installation.root = entry.path;

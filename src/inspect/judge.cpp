@@ -224,4 +224,6 @@ bool came_to_the_manifest(const Report& report) {
   return worked && (contains(report.log, kUnloaded) || !contains(report.log, kLoaded));
 }
 
+bool ended_in_the_manifest(const Report& report) { return contains(report.log, kRemovalFailed); }
+
 }  // namespace valta::inspect

@@ -30,4 +30,7 @@ void judge(const Evidence& evidence, Report& report);
 /// for a reason.
 [[nodiscard]] bool came_to_the_manifest(const Report& report);
 
+/// Whether it ended within the manifest.
+[[nodiscard]] bool ended_in_the_manifest(const Report& report);
+
 }  // namespace valta::inspect

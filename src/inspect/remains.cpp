@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "inspect/judge.h"
 #include "inspect/modules.h"
 #include "inspect/units.h"
 #include "installer/remove_driver.h"
@@ -46,12 +47,6 @@ std::size_t count_kept(const Report& report, std::string_view reason) {
                     [&](const Kept& kept) { return kept.reason == reason; }));
 }
 
-/// Where to run the program again from.
-std::string program_of(const Installation& installation) {
-  const std::string program = program_in_place(installation);
-  return path_exists(program) ? program : "valta-driver-uninstaller";
-}
-
 void explain_shared(const Installation& installation, Report& report) {
   if (const auto shared = count_kept(report, "toolkit"); shared > 0) {
     report.add("shared-kept", Severity::keeps,
@@ -67,8 +62,14 @@ void explain_shared(const Installation& installation, Report& report) {
                program_in_place(installation),
                path_exists(program_in_place(installation))
                    ? "mv " + program_in_place(installation) + " /root/"
-                   : program_of(installation));
+                   : "valta-driver-uninstaller");
   }
+}
+
+/// Where to run the program again from.
+std::string program_of(const Installation& installation) {
+  const std::string program = program_in_place(installation);
+  return path_exists(program) ? program : "valta-driver-uninstaller";
 }
 
 void explain_kept(const Kept& kept, Report& report) {
@@ -91,9 +92,11 @@ void explain_kept(const Kept& kept, Report& report) {
                kept.path + (inside.empty() ? " was not empty when the run came to it, so it stays."
                                            : " stays, as it holds " + some_of(inside) + "."),
                kept.path, inside.empty() ? "rmdir " + kept.path : "ls -lA " + kept.path);
-  } else if (reason == "left" && report.outcome <= Outcome::shared) {
+  } else if (reason == "left" && !ended_in_the_manifest(report)) {
     report.add("manifest-left", Severity::keeps,
-               kept.path + " stays: it is not what its entry says, or was put there later.",
+               kept.path +
+                   " stays: it could not be removed, is not what its entry says, or was put there "
+                   "later.",
                kept.path, "ls -ld " + kept.path);
   }
 }
@@ -174,9 +177,10 @@ void look_at_remains(const Installation& installation, Report& report) {
   settle_kept(installation, report);
   explain_shared(installation, report);
   const auto left = count_kept(report, "left");
-  if (left > 0 && report.outcome == Outcome::failed) {
+  if (left > 0 && ended_in_the_manifest(report)) {
     report.add("manifest-left", Severity::keeps,
-               "The run ends before it comes to " + counted(left, "path") + " of the manifest.",
+               "The run ends in the middle of the manifest and leaves " + counted(left, "path") +
+                   " of it.",
                kUninstallManifestPath, program_of(installation));
   }
   for (const Kept& kept : report.kept) {

@@ -12,7 +12,7 @@ namespace valta::inspect {
 /// configuration; with a finding for each and what to type.
 void look_at_remains(const Installation& installation, Report& report);
 
-/// The same for a run that stopped before it came to that: all is left, and it has to be run again.
+/// The same for a run that was cut off, or did not come to the manifest: it has to be run again.
 void tell_to_run_again(const Installation& installation, Report& report);
 
 /// Asks systemd on this host which units of `installation` it still knows, and which are active:

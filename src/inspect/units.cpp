@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <map>
 #include <string_view>
 #include <strings.h>
 
@@ -90,19 +91,21 @@ bool refuses_to_stop(const std::string& unit) {
   if (const std::vector<std::string> files = unit_files(unit); !files.empty()) {
     read_refusal(files.front(), refuses);
   }
+  // They are read in the order of their names; of one name the first directory's counts.
   const std::string name = full_unit_name(unit);
-  const auto read_drop_ins = [&](const std::string& directory) {
-    for (const std::string& file : names_in(directory)) {
-      if (file.ends_with(".conf")) {
-        read_refusal(directory + file, refuses);
+  std::map<std::string, std::string> drop_ins;
+  for (const std::string& owner : {name, template_of(name)}) {
+    for (const char* const directory : kUnitDirectories) {
+      const std::string place = std::string(directory) + "/" + owner + ".d/";
+      for (const std::string& file : names_in(place)) {
+        drop_ins.emplace(file, place + file);
       }
     }
-  };
-  for (const std::string& owner : {template_of(name), name}) {
-    // The last word counts, and the first directories have it.
-    std::for_each(kUnitDirectories.rbegin(), kUnitDirectories.rend(), [&](const char* directory) {
-      read_drop_ins(std::string(directory) + "/" + owner + ".d/");
-    });
+  }
+  for (const auto& [file, path] : drop_ins) {
+    if (file.ends_with(".conf")) {
+      read_refusal(path, refuses);
+    }
   }
   return refuses;
 }
