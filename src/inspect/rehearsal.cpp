@@ -156,6 +156,13 @@ std::string text_below_proc(pid_t process, const std::string& file) {
   return text;
 }
 
+/// The command line of `process`; empty when it has ended.
+std::string command_of(pid_t process) {
+  std::string command = text_below_proc(process, "cmdline");
+  std::replace(command.begin(), command.end(), '\0', ' ');
+  return command.substr(0, command.find_last_not_of(' ') + 1);
+}
+
 /// The command lines of those that `first` waits for in the end.
 std::vector<std::string> last_commands(pid_t first) {
   std::vector<std::string> commands;
@@ -163,15 +170,17 @@ std::vector<std::string> last_commands(pid_t first) {
   while (!processes.empty()) {
     const pid_t process = processes.back();
     processes.pop_back();
-    const std::string children =
-        text_below_proc(process, "task/" + std::to_string(process) + "/children");
-    for (const std::string& child : split(children, ' ')) {
-      processes.push_back(std::atoi(child.c_str()));
+    bool waits = false;
+    const std::string task = "task/" + std::to_string(process) + "/children";
+    for (const std::string& child : split(text_below_proc(process, task), ' ')) {
+      const pid_t awaited = std::atoi(child.c_str());
+      if (!command_of(awaited).empty()) {
+        processes.push_back(awaited);
+        waits = true;
+      }
     }
-    if (children.empty()) {
-      std::string command = text_below_proc(process, "cmdline");
-      std::replace(command.begin(), command.end(), '\0', ' ');
-      commands.push_back(command.substr(0, command.find_last_not_of(' ') + 1));
+    if (!waits) {
+      commands.push_back(command_of(process));
     }
   }
   return commands;
