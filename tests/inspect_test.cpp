@@ -223,6 +223,12 @@ TEST_F(Inspect, GivesTheProgramNoWayToTheHostAndNoLogOfAnother) {
   EXPECT_EQ(foretold.report["outcome"], "unknown");
 }
 
+TEST_F(Inspect, ListsWhatWasInADirectoryThatIsMadeAnew) {
+  host.sh("file /a/x; file /a/b/y; tool /usr/sbin/dkms 'rm -r /a; mkdir -p /a/b'");
+  const Inspection foretold = host.inspect("before --program /usr/sbin/dkms");
+  EXPECT_EQ(all_of(foretold.report["removed"], "path"), (Names{"/a/b/y", "/a/x"}));
+}
+
 TEST_F(Inspect, PrintsThePagesOfTheReadme) {
   host.install_sample();
   std::string readme;
