@@ -10,10 +10,10 @@
 #include <sys/wait.h>
 #include <thread>
 
-#include "inspect/holders.h"
-#include "inspect/judge.h"
-#include "inspect/modules.h"
-#include "inspect/mounts.h"
+#include "inspect/host/modules.h"
+#include "inspect/host/mounts.h"
+#include "inspect/host/processes.h"
+#include "inspect/report/run_check.h"
 #include "situations.h"
 #include "throwaway_host.h"
 #include "uninstall/install_root.h"

@@ -12,8 +12,8 @@
 #include <string>
 #include <sysexits.h>
 
-#include "inspect/report.h"
-#include "inspect/stand_ins.h"
+#include "inspect/dry_run/stubs.h"
+#include "inspect/report/report.h"
 #include "inspect/verbs.h"
 #include "uninstall/install_root.h"
 #include "utils/files.h"

@@ -12,14 +12,14 @@
 #include <utility>
 #include <vector>
 
-#include "inspect/conditions.h"
-#include "inspect/holders.h"
-#include "inspect/image.h"
-#include "inspect/installation.h"
-#include "inspect/judge.h"
-#include "inspect/modules.h"
-#include "inspect/rehearsal.h"
-#include "inspect/remains.h"
+#include "inspect/dry_run/dry_run.h"
+#include "inspect/dry_run/overlay.h"
+#include "inspect/findings/conditions.h"
+#include "inspect/findings/remains.h"
+#include "inspect/host/installation.h"
+#include "inspect/host/modules.h"
+#include "inspect/host/processes.h"
+#include "inspect/report/run_check.h"
 #include "installer/remove_driver.h"
 #include "log/log.h"
 #include "utils/files.h"

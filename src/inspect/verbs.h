@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "inspect/report.h"
+#include "inspect/report/report.h"
 
 namespace valta::inspect {
 

@@ -1,4 +1,4 @@
-#include "inspect/units.h"
+#include "inspect/host/units.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <string_view>
 #include <strings.h>
 
-#include "inspect/installation.h"
+#include "inspect/host/installation.h"
 #include "utils/files.h"
 #include "utils/text.h"
 

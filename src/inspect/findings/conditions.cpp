@@ -1,4 +1,4 @@
-#include "inspect/conditions.h"
+#include "inspect/findings/conditions.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-#include "inspect/units.h"
+#include "inspect/host/units.h"
 #include "installer/remove_driver.h"
 #include "log/log.h"
 #include "uninstall/manifest_handlers.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "inspect/report.h"
+#include "inspect/report/report.h"
 
 namespace valta::inspect {
 

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "inspect/installation.h"
-#include "inspect/report.h"
+#include "inspect/host/installation.h"
+#include "inspect/report/report.h"
 
 namespace valta::inspect {
 

@@ -1,4 +1,4 @@
-#include "inspect/modules.h"
+#include "inspect/host/modules.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "inspect/report.h"
+#include "inspect/report/report.h"
 
 #include <algorithm>
 #include <array>

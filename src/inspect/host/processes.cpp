@@ -1,4 +1,4 @@
-#include "inspect/holders.h"
+#include "inspect/host/processes.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,7 +10,7 @@
 #include <sys/sysmacros.h>
 #include <vector>
 
-#include "inspect/modules.h"
+#include "inspect/host/modules.h"
 #include "installer/ofed.h"
 #include "installer/remove_driver.h"
 #include "utils/files.h"

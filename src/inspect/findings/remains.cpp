@@ -1,4 +1,4 @@
-#include "inspect/remains.h"
+#include "inspect/findings/remains.h"
 
 #include <algorithm>
 #include <array>
@@ -9,9 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "inspect/judge.h"
-#include "inspect/modules.h"
-#include "inspect/units.h"
+#include "inspect/host/modules.h"
+#include "inspect/host/units.h"
+#include "inspect/report/run_check.h"
 #include "installer/remove_driver.h"
 #include "utils/files.h"
 #include "utils/search_path.h"

@@ -1,4 +1,4 @@
-#include "inspect/mounts.h"
+#include "inspect/host/mounts.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "inspect/installation.h"
-#include "inspect/report.h"
+#include "inspect/host/installation.h"
+#include "inspect/report/report.h"
 
 namespace valta::inspect {
 

@@ -1,4 +1,4 @@
-#include "inspect/stand_ins.h"
+#include "inspect/dry_run/stubs.h"
 
 #include <algorithm>
 #include <array>
@@ -9,9 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "inspect/image.h"
-#include "inspect/modules.h"
-#include "inspect/units.h"
+#include "inspect/dry_run/overlay.h"
+#include "inspect/host/modules.h"
+#include "inspect/host/units.h"
 #include "utils/files.h"
 #include "utils/search_path.h"
 #include "utils/text.h"

@@ -1,4 +1,4 @@
-#include "inspect/rehearsal.h"
+#include "inspect/dry_run/dry_run.h"
 
 #include <algorithm>
 #include <array>
@@ -22,9 +22,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "inspect/installation.h"
-#include "inspect/modules.h"
-#include "inspect/stand_ins.h"
+#include "inspect/dry_run/stubs.h"
+#include "inspect/host/installation.h"
+#include "inspect/host/modules.h"
 #include "utils/files.h"
 #include "utils/text.h"
 

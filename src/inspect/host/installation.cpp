@@ -1,4 +1,4 @@
-#include "inspect/installation.h"
+#include "inspect/host/installation.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "inspect/mounts.h"
-#include "inspect/report.h"
+#include "inspect/host/mounts.h"
+#include "inspect/report/report.h"
 
 namespace valta::inspect {
 

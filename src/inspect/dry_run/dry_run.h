@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "inspect/image.h"
+#include "inspect/dry_run/overlay.h"
 
 namespace valta::inspect {
 

@@ -1,4 +1,4 @@
-#include "inspect/judge.h"
+#include "inspect/report/run_check.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "inspect/image.h"
+#include "inspect/dry_run/overlay.h"
 
 #include <algorithm>
 #include <array>
@@ -15,7 +15,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "inspect/installation.h"
+#include "inspect/host/installation.h"
 #include "utils/files.h"
 
 namespace valta::inspect {
