@@ -51,19 +51,26 @@ TEST(ReservedPaths, AreComparedBehindTheLengthOfThePrefix) {
   EXPECT_TRUE(IsReservedPath("/x//lib", "/v"));
   EXPECT_FALSE(IsReservedPath("/v/lib64", "/v"));
   EXPECT_FALSE(IsReservedPath("lib", "/usr"));
+  for (const std::string path :
+       {"bin/zvsmi", "lib", "lib64/libcuda.so", "lib64/libcuda.so.1", "lib64/libzvml.so",
+        "lib64/libzvthunk.so", "lib64/libzvlogger.so", "EULA.txt", "copyright"}) {
+    EXPECT_TRUE(IsReservedPath("/v/" + path, "/v")) << path;
+  }
 }
 
 TEST(SharedPaths, StayByWhatTheFirstLookFinds) {
   ThrowawayHost host;
   host.sh("file /v/lib64/libcudart.so; file /v/bin/valta-driver-uninstaller; ln -s x /v/lib");
   host.sh("ln -s x /v/zlib; mkdir /v/directory");
+  host.sh("file " + default_install_root() + "/lib64/libcudart.so");
   host.call([] {
     EXPECT_EQ(process("SYMLINK /v/zlib\nVALTA /v/\nRLINK /v/lib\nVALTA /other\n"
                       "SYMLINK /v/lib\nRLINK /v/directory\nRFILE /v/file x"),
               ResultCode::success);
     EXPECT_TRUE(ToolkitInstalled("/v"));
     EXPECT_TRUE(DriverInstalled("/v/"));
-    EXPECT_FALSE(ToolkitInstalled(""));
+    EXPECT_TRUE(ToolkitInstalled(""));
+    EXPECT_FALSE(DriverInstalled(""));
   });
   EXPECT_FALSE(host.has("/v/zlib"));
   EXPECT_THAT(host.read("/log"),
@@ -105,18 +112,22 @@ TEST(Handlers, DigestsAreRememberedWithTheEmptyOneOfAService) {
 
 TEST(Handlers, DirectoryThatIsMissingOrCannotGoStopsNothing) {
   ThrowawayHost host;
-  host.sh("mkdir /empty");
-  host.call([] { EXPECT_EQ(process("DIR /no/where\nDIR /empty/."), ResultCode::success); });
+  host.sh("mkdir /empty; file /empty-file; file /file x");
+  host.call([] {
+    EXPECT_EQ(process("DIR /no/where\nDIR /empty/.\nDIR /empty-file\nDIR /file"),
+              ResultCode::success);
+  });
   EXPECT_EQ(host.read("/log"),
             "Warning: catched filesystem error: cannot remove: Invalid argument [/empty/.] when "
-            "rmdir /empty/.\n");
+            "rmdir /empty/.\nUninstall: /empty-file Succeed.\n"
+            "Debug: Uninstall: /file not empty skip.\n");
 }
 
 TEST(Dkms, ConfigurationIsTakenByTheLetter) {
   DkmsConfig config;
   parse_framework_conf(
-      "#dkms_tree=/comment\nexport source_tree=\"/s\" # c\n"
-      "x source_tree=/no dkms_tree=/a\"b\"c\ninstall_tree=\n",
+      "export source_tree=\"/s\" # c\nx source_tree=/no dkms_tree=/a\"b\"c\n"
+      "install_tree=\n#dkms_tree=/comment\n",
       config);
   EXPECT_EQ(config.source_tree, "/s # c");
   EXPECT_EQ(config.dkms_tree, "/abc");

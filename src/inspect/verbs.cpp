@@ -31,7 +31,7 @@ namespace {
 
 std::optional<std::string> read_log() {
   std::string text;
-  return try_read_file(kLogPath, text) ? std::optional(text) : std::nullopt;
+  return read_file(kLogPath, text) ? std::optional(text) : std::nullopt;
 }
 
 /// When the log was last written to, or replaced.

@@ -22,8 +22,6 @@ ResultCode report_busy_companion(const char* name) {
   return ResultCode::module_busy;
 }
 
-/// Every driver brings the first, so its status says whether there is anything to do. The second is
-/// built where OFED is, and `rmmod` of a module that is not loaded does no harm.
 ResultCode unload_companions() {
   if (module_status(kCompanion) != ModuleStatus::not_loaded) {
     try_to_unload(kCompanion);
@@ -117,7 +115,8 @@ ResultCode remove_driver(const std::string& name) {
   }
   switch (module_status(name)) {
     case ModuleStatus::not_loaded:
-      // Gone since it was seen: somebody else is at work on this driver, and its files are theirs.
+      // It was loaded a moment ago, so somebody else has just unloaded it and may be using its
+      // files.
       return ResultCode::success;
     case ModuleStatus::match_error:
       zvlogger::log(LogLevel::Error, "Internal error.\n");

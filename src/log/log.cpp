@@ -62,13 +62,13 @@ void init(const std::string& path) {
   if (!is_directory(directory)) {
     make_directories(directory);
   }
-  // Only the first letter of the mode counts: the file is emptied, as each run starts a fresh log.
+  // fopen obeys the "w" and ignores the "a": each run starts a fresh log.
   logger.file = std::fopen(path.c_str(), "wa");
   if (logger.file == nullptr) {
     std::fputs("Failed to init zvlogger.\n", stderr);
     std::exit(EXIT_FAILURE);
   }
-  // The mode's letter for this would come second. No command is to write into the log.
+  // The commands of a run inherit what is open, and must not write here.
   fcntl(fileno(logger.file), F_SETFD, FD_CLOEXEC);
 }
 

@@ -58,8 +58,8 @@ ResultCode run(const DriverConfig& config) {
   auto utilities = kUninstallUtilities;
   if (!check_system_utilities(utilities.data(), static_cast<int>(utilities.size()))) {
     zvlogger::log(LogLevel::Error, "Check utils failed. please refer guide in log.\n");
-    // Images without kernel tools have no driver either: who runs this on every host he has, on
-    // these too, is not to see a failure.
+    // A host without kernel tools has loaded no driver of its own. Scripts that call this program
+    // on every host they manage take such a host for done.
     return ResultCode::success;
   }
   change_to_home();
@@ -109,7 +109,7 @@ int main() {
   settle_process();
   set_umask();
   zvlogger::init(kLogPath);
-  // All that follows deletes. The look right in front of it holds whatever init comes to do.
+  // Everything below deletes, so it is guarded here too, whatever comes to stand above.
   if (refused_to_non_root()) {
     return kNotRootAnymore;
   }

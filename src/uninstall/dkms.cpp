@@ -17,12 +17,6 @@ namespace {
 /// What `dkms remove` exits with for a version that it does not know: nothing is left to remove.
 constexpr std::uint32_t kUnknownVersion = 3;
 
-/// DKMS keeps links beside the version directories; a version has its sources or a link to them.
-bool is_version_directory(const std::string& path) {
-  const std::string source = path + "/source";
-  return !is_symlink(path) && (is_symlink(source) || is_directory(source));
-}
-
 ResultCode remove_registration(const std::string& version) {
   const std::string command = "dkms remove valta/" + version + " --all 2>&1";
   zvlogger::log(LogLevel::Debug, "CMD: %s\n", command.c_str());
@@ -36,8 +30,7 @@ ResultCode remove_registration(const std::string& version) {
 }
 
 ResultCode remove_sources(const std::string& version) {
-  // Wherever DKMS has its source tree, the stack's installer unpacks into this one.
-  const std::string directory = "/usr/src/valta-" + version;
+  const std::string directory = kDkmsSourcePrefix + version;
   zvlogger::log(LogLevel::Debug, "CMD: %s\n", directory.c_str());
   CommandResult result;
   if (!path_exists(directory) || succeeds("rm -rf " + directory + " 2>&1", result)) {
@@ -50,6 +43,11 @@ ResultCode remove_sources(const std::string& version) {
 }
 
 }  // namespace
+
+bool is_version_directory(const std::string& path) {
+  const std::string source = path + "/source";
+  return !is_symlink(path) && (is_symlink(source) || is_directory(source));
+}
 
 ResultCode RemoveDkmsModule(const std::string& /*path*/) {
   if (which("dkms").empty()) {

@@ -7,6 +7,13 @@
 
 namespace valta {
 
+/// Where the stack's installer unpacks the sources of a version, wherever DKMS has its source tree.
+inline const std::string kDkmsSourcePrefix = "/usr/src/valta-";
+
+/// Whether `path`, in the DKMS tree of a module, is a version of it: DKMS keeps links beside the
+/// version directories, and a version has its sources or a link to them.
+[[nodiscard]] bool is_version_directory(const std::string& path);
+
 /// Removes every version of the driver's DKMS module that DKMS knows, with `dkms remove`, and its
 /// source tree under /usr/src. The argument is ignored: there is one module, whatever asks.
 ///

@@ -9,8 +9,6 @@
 namespace valta {
 namespace {
 
-constexpr const char* kFrameworkConf = "/etc/dkms/framework.conf";
-
 void read_framework_conf(DkmsConfig& config) {
   if (!path_exists(kFrameworkConf)) {
     zvlogger::log(LogLevel::Warning, "dkms conf %s not exist. assume default value.\n",
@@ -18,7 +16,7 @@ void read_framework_conf(DkmsConfig& config) {
     return;
   }
   std::string text;
-  if (!try_read_file(kFrameworkConf, text)) {
+  if (!read_file(kFrameworkConf, text)) {
     zvlogger::log(LogLevel::Warning, "parse dkms file failed. assume default value.\n");
     return;
   }

@@ -5,6 +5,8 @@
 
 namespace valta {
 
+inline constexpr const char* kFrameworkConf = "/etc/dkms/framework.conf";
+
 /// Where DKMS keeps its things, with its own defaults. Only `dkms_tree` matters to the removal.
 struct DkmsConfig {
   std::string source_tree = "/usr/src";

@@ -19,10 +19,9 @@ inline constexpr const char* kUninstallManifestPath =
 
 /// Reads the manifest at `path`: its entries in file order, one for each line.
 ///
-/// A missing file gives an empty list and a Warning; one that cannot be opened an empty list and a
-/// Debug line; an empty one an empty list. Lines are not checked: see `parse_manifest` for what a
-/// malformed one yields. Throws std::system_error when the file cannot be read to its end: the
-/// front of a cut line would name something else.
+/// A missing file gives an empty list and a Warning; one that cannot be opened, or not be read to
+/// its end, an empty list and a Debug line; an empty one an empty list. Lines are not checked: see
+/// `parse_manifest` for what a malformed one yields.
 [[nodiscard]] std::vector<ManifestEntry> LoadUninstallManifests(const std::string& path);
 
 /// The entries of a manifest's text: lines of `type path digest`, separated by one space, without

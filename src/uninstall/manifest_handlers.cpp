@@ -1,5 +1,6 @@
 #include "uninstall/manifest_handlers.h"
 
+#include <array>
 #include <cstdio>
 
 #include "log/log.h"
@@ -13,16 +14,51 @@
 
 namespace valta {
 
-const std::unordered_map<std::string, ManifestHandler> ManifestHandlers = {
-    {"VALTA", &HandleValtaEntry},      //
-    {"SYMLINK", &HandleSymlinkEntry},  //
-    {"FILE", &HandleFileEntry},        //
-    {"RFILE", &HandleRfileEntry},      //
-    {"RLINK", &HandleRlinkEntry},      //
-    {"DIR", &HandleDirEntry},          //
-    {"SERVICE", &HandleServiceEntry},  //
-    {"DKMS", &HandleDkmsEntry},
+namespace {
+
+struct EntryType {
+  const char* keyword;
+  EntryTarget target;
+  ManifestHandler handler;
 };
+
+constexpr std::array<EntryType, 8> kEntryTypes = {{
+    {"VALTA", EntryTarget::prefix, &HandleValtaEntry},
+    {"SYMLINK", EntryTarget::link, &HandleSymlinkEntry},
+    {"FILE", EntryTarget::file, &HandleFileEntry},
+    {"RFILE", EntryTarget::file, &HandleRfileEntry},
+    {"RLINK", EntryTarget::link, &HandleRlinkEntry},
+    {"DIR", EntryTarget::directory, &HandleDirEntry},
+    {"SERVICE", EntryTarget::unit, &HandleServiceEntry},
+    {"DKMS", EntryTarget::dkms_module, &HandleDkmsEntry},
+}};
+
+std::unordered_map<std::string, ManifestHandler> handlers_by_keyword() {
+  std::unordered_map<std::string, ManifestHandler> handlers;
+  for (const EntryType& type : kEntryTypes) {
+    handlers.emplace(type.keyword, type.handler);
+  }
+  return handlers;
+}
+
+}  // namespace
+
+const std::unordered_map<std::string, ManifestHandler> ManifestHandlers = handlers_by_keyword();
+
+std::optional<EntryTarget> target_of(const std::string& keyword) {
+  for (const EntryType& type : kEntryTypes) {
+    if (type.keyword == keyword) {
+      return type.target;
+    }
+  }
+  return std::nullopt;
+}
+
+bool names_path(const std::string& keyword) {
+  const auto target = target_of(keyword);
+  return target == EntryTarget::file || target == EntryTarget::link ||
+         target == EntryTarget::directory;
+}
 
 ResultCode ProcessManifestEntries(const std::vector<ManifestEntry>& entries) {
   ChangedFileFound = false;

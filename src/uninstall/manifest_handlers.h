@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -14,6 +15,15 @@ using ManifestHandler = ResultCode (*)(const ManifestEntry&);
 
 /// The handler of each type keyword.
 extern const std::unordered_map<std::string, ManifestHandler> ManifestHandlers;
+
+/// What the second field of a manifest line names.
+enum class EntryTarget { prefix, file, link, directory, unit, dkms_module };
+
+/// What an entry of the type `keyword` names; nothing for a type without handler.
+[[nodiscard]] std::optional<EntryTarget> target_of(const std::string& keyword);
+
+/// Whether an entry of the type `keyword` names a path that a run may delete.
+[[nodiscard]] bool names_path(const std::string& keyword);
 
 /// Hands every entry, in order, to the handler of its type.
 ///

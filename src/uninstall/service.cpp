@@ -1,12 +1,12 @@
 #include "uninstall/service.h"
 
 #include <cstdio>
-#include <filesystem>
 
 #include "log/log.h"
 #include "uninstall/manifest_state.h"
 #include "uninstall/removal_log.h"
 #include "uninstall/systemctl.h"
+#include "uninstall/unit_name.h"
 #include "utils/digest.h"
 #include "utils/files.h"
 #include "utils/host.h"
@@ -14,26 +14,15 @@
 namespace valta {
 namespace {
 
-constexpr const char* kUnitDirectory = "/lib/systemd/system";
-
-bool is_template(const std::string& unit) { return unit.find('@') != std::string::npos; }
-
-/// "a" has the file a.service, "a@b" has a@.service.
-std::string unit_file_path(const std::string& unit) {
-  const std::string name = is_template(unit) ? unit.substr(0, unit.find('@') + 1) : unit;
-  return std::filesystem::path(kUnitDirectory) / (name + ".service");
-}
-
 bool unchanged(const std::string& path, const std::string& digest) {
-  // The look-up leaves an empty digest behind. A file entry of this path that comes later finds it
-  // and cannot delete what was kept here; an entry without a digest equals it, as units that are
-  // generated at installation have none.
+  // The look-up leaves an empty digest behind: a later FILE entry of this path finds it and leaves
+  // alone what was kept here.
   return DigestCache[path] == digest || file_md5(path) == digest;
 }
 
 void stop_slice_of_instances(const std::string& unit) {
-  if (is_template(unit)) {
-    systemctl::stop_slice_of_template(unit.substr(0, unit.find('@')));
+  if (is_of_template(unit)) {
+    systemctl::stop_slice_of_template(template_prefix(unit));
   } else {
     zvlogger::log(LogLevel::Debug, "not template. f.path:%s\n", unit.c_str());
   }

@@ -10,7 +10,9 @@ namespace valta {
 /// forget the unit, and for a template stops the slice of its instances.
 ///
 /// The digest that `DigestCache` holds for the unit file counts first. Where it holds none, an
-/// entry without a digest takes the file as unchanged. Logs each step and its outcome.
+/// empty digest counts as the recorded one: `SERVICE a` with two spaces behind it deletes the unit
+/// file whatever it holds, while `SERVICE a` has the digest "a" and keeps it. Logs each step and
+/// its outcome.
 ///
 /// Returns `tolerated` inside a container, where nothing is done; success when systemd no longer
 /// knows the unit, or when its file was changed and so kept (console and log say so); else

@@ -27,11 +27,9 @@ bool marker_exists(const std::string& root, const char* marker) {
 
 }  // namespace
 
-bool ToolkitInstalled(const std::string& root) { return marker_exists(root, "lib64/libcudart.so"); }
+bool ToolkitInstalled(const std::string& root) { return marker_exists(root, kToolkitMarker); }
 
-bool DriverInstalled(const std::string& root) {
-  return marker_exists(root, "bin/valta-driver-uninstaller");
-}
+bool DriverInstalled(const std::string& root) { return marker_exists(root, kDriverMarker); }
 
 bool shared_path_in_use(const std::string& path) {
   if (!probed) {

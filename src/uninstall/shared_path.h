@@ -4,6 +4,10 @@
 
 namespace valta {
 
+// The files below the installation prefix by which the packages are known to be installed.
+inline constexpr const char* kToolkitMarker = "lib64/libcudart.so";
+inline constexpr const char* kDriverMarker = "bin/valta-driver-uninstaller";
+
 // Both below: an empty `root` stands for the default one, and under a root with a NUL byte, which
 // nobody can look into, everything counts as installed.
 

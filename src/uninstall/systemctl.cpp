@@ -7,9 +7,6 @@
 namespace valta::systemctl {
 namespace {
 
-/// What `systemctl status` exits with for a unit that systemd does not know.
-constexpr std::uint32_t kUnknownUnit = 4;
-
 void run_unchecked(const std::string& command) {
   std::string ignored;
   run_command_quiet_status(command, ignored);
@@ -26,7 +23,7 @@ void forget_and_reload() { run_unchecked("systemctl reset-failed;systemctl daemo
 bool knows(const std::string& unit) {
   CommandResult result;
   return !run_command("systemctl status " + unit + " 2>&1", result.output, result.status) ||
-         result.status != kUnknownUnit;
+         result.status != std::uint32_t{kUnknown};
 }
 
 void stop_slice_of_template(const std::string& prefix) {

@@ -4,6 +4,11 @@
 
 namespace valta::systemctl {
 
+// What `systemctl status` exits with.
+inline constexpr int kActive = 0;
+inline constexpr int kInactive = 3;
+inline constexpr int kUnknown = 4;  ///< there is no such unit
+
 // The command lines for systemd's own tools. Unit names go to the shell as they stand; nothing is
 // logged. Only `knows` looks at how a command ended.
 

@@ -3,11 +3,11 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <glob.h>
 #include <memory>
 #include <string_view>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -75,21 +75,13 @@ bool read_file(const std::string& path, std::string& text) {
       if (errno == EISDIR) {
         break;
       }
-      throw std::system_error(errno, std::generic_category(), "Failed to read " + path);
+      zvlogger::log(LogLevel::Debug, "Failed to read %s: %s\n", path.c_str(), std::strerror(errno));
+      return false;
     }
     content.append(buffer.data(), count);
   }
   text = std::move(content);
   return true;
-}
-
-bool try_read_file(const std::string& path, std::string& text) {
-  try {
-    return read_file(path, text);
-  } catch (const std::system_error& error) {
-    zvlogger::log(LogLevel::Debug, "%s\n", error.what());
-    return false;
-  }
 }
 
 bool file_has_line_with(const std::string& path, const std::string& needle) {

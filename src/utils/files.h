@@ -30,18 +30,13 @@ bool read_file_chunked(const std::string& path, std::string& text);
 
 /// Reads a whole file, NUL bytes included, and replaces `text` with it.
 ///
-/// Returns false, leaving `text` alone, when the file cannot be opened, and logs that at Debug. A
-/// directory can be opened and is empty. Throws std::system_error, leaving `text` alone, when the
-/// file cannot be read to its end: half of a file may say something else than the whole.
+/// Returns false, leaving `text` alone, when the file cannot be opened or read to its end, and logs
+/// which at Debug: half of a file may say something else than the whole. A directory can be opened
+/// and is empty.
 bool read_file(const std::string& path, std::string& text);
 
-/// As `read_file`, for callers who do without what they cannot have: false, with a Debug line, also
-/// for a file that cannot be read to its end.
-bool try_read_file(const std::string& path, std::string& text);
-
 /// Whether a line of the file at `path` holds `needle`. Paths that begin with "/proc" are read with
-/// `read_file_chunked`, others with `read_file`, which may throw; a file that cannot be opened
-/// holds no line.
+/// `read_file_chunked`, others with `read_file`; a file that cannot be read holds no line.
 [[nodiscard]] bool file_has_line_with(const std::string& path, const std::string& needle);
 
 /// Expands a shell pattern, a leading "~" too. Returns the matches sorted.

@@ -42,7 +42,7 @@ std::optional<std::string_view> container_line(std::string_view cgroups) {
 
 void read_os_release(OsRelease& release) {
   std::string text;
-  try_read_file(kOsReleasePath, text);
+  read_file(kOsReleasePath, text);
   parse_os_release(text, release);
 }
 

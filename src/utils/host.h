@@ -28,8 +28,8 @@ mode_t set_umask();
 void read_os_release(OsRelease& release);
 
 /// Takes the values out of the text of an os-release file. Lines are matched by substring and the
-/// last match wins, as in every program of the stack: a VARIANT_ID or BUILD_ID line behind the ID
-/// line replaces `id`. A value that no line gives stays as it was.
+/// last match wins: a VARIANT_ID or BUILD_ID line after the ID line replaces `id`. A value that no
+/// line gives stays as it was.
 void parse_os_release(std::string_view text, OsRelease& release);
 
 }  // namespace valta

@@ -26,20 +26,16 @@ std::vector<std::string> search_directories() {
   return directories;
 }
 
-void store_search_path(const std::vector<std::string>& directories) {
-  std::string joined;
-  for (const auto& directory : directories) {
-    joined += directory + ":";
-  }
-  joined.pop_back();
-  setenv(kPathVariable, joined.c_str(), 1);
-}
-
 }  // namespace
+
+std::vector<std::string> path_fields() {
+  const char* const path = std::getenv(kPathVariable);
+  return split(path == nullptr ? "" : path, ':');
+}
 
 bool find_in_path_executable(const std::string& name) {
   const std::vector<std::string> directories = search_directories();
-  store_search_path(directories);
+  setenv(kPathVariable, join(directories, ":").c_str(), 1);
   return std::any_of(directories.begin(), directories.end(), [&](const std::string& directory) {
     const std::string candidate = directory + "/" + name;
     return path_exists(candidate) && is_executable(candidate);
@@ -47,8 +43,7 @@ bool find_in_path_executable(const std::string& name) {
 }
 
 std::string which(const std::string& name) {
-  const char* const path = std::getenv(kPathVariable);
-  for (const auto& directory : split(path == nullptr ? "" : path, ':')) {
+  for (const auto& directory : path_fields()) {
     std::string candidate = directory + "/" + name;
     if (!directory.empty() && path_exists(candidate)) {
       return candidate;

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace valta {
+
+/// The fields of `PATH`, empty ones too; none when it is not set.
+[[nodiscard]] std::vector<std::string> path_fields();
 
 /// Whether a directory of the search path holds an executable file called `name`.
 ///

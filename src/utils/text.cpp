@@ -24,6 +24,14 @@ std::vector<std::string> split(std::string_view text, char delimiter) {
   return fields;
 }
 
+std::string join(const std::vector<std::string>& fields, std::string_view separator) {
+  std::string text;
+  for (const std::string& field : fields) {
+    text += (&field == fields.data() ? "" : std::string(separator)) + field;
+  }
+  return text;
+}
+
 std::optional<std::string> value_after(std::string_view line, std::string_view key) {
   const std::size_t at = line.find(key);
   if (at == std::string_view::npos) {
@@ -39,6 +47,13 @@ std::string last_component(std::string_view path) {
     path.remove_suffix(1);
   }
   return std::string(path.substr(path.rfind('/') + 1));
+}
+
+std::string lower_case(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
+  return text;
 }
 
 }  // namespace valta

@@ -28,11 +28,17 @@ class FieldReader {
 /// All fields of `text`, by the rules of `FieldReader`.
 std::vector<std::string> split(std::string_view text, char delimiter);
 
+/// `fields` in one text, with `separator` between them.
+std::string join(const std::vector<std::string>& fields, std::string_view separator);
+
 /// What stands in `line` behind the first occurrence of `key`, without any double quotes; nothing
 /// when `key` does not occur.
 std::optional<std::string> value_after(std::string_view line, std::string_view key);
 
 /// `path` without the "/" characters at its end, and of that what follows its last "/".
 std::string last_component(std::string_view path);
+
+/// `text` with lower-case ASCII letters.
+[[nodiscard]] std::string lower_case(std::string text);
 
 }  // namespace valta

@@ -152,7 +152,7 @@ void put_tools_in(const Image& image) {
 
 std::string text_below_proc(pid_t process, const std::string& file) {
   std::string text;
-  try_read_file("/proc/" + std::to_string(process) + "/" + file, text);
+  read_file("/proc/" + std::to_string(process) + "/" + file, text);
   return text;
 }
 
@@ -264,9 +264,9 @@ Rehearsal rehearse(const Image& image, const std::string& program, int timeout) 
   rehearsal.output = take_text(output);
   rehearsal.console = take_text(console);
   std::string deeds;
-  try_read_file(image.root() + Image::kToolDirectory + "/done", deeds);
+  read_file(image.root() + Image::kToolDirectory + "/done", deeds);
   rehearsal.deeds = split(deeds, '\n');
-  try_read_file(image.root() + Image::kToolDirectory + "/modules", rehearsal.modules);
+  read_file(image.root() + Image::kToolDirectory + "/modules", rehearsal.modules);
   return rehearsal;
 }
 

@@ -27,7 +27,7 @@ void note(const std::string& deed) {
 
 bool noted(const std::string& deed) {
   std::string text;
-  try_read_file(state_file("done"), text);
+  read_file(state_file("done"), text);
   const std::vector<std::string> deeds = split(text, '\n');
   return std::find(deeds.begin(), deeds.end(), deed) != deeds.end();
 }

@@ -24,11 +24,11 @@ Installation read_installation() {
   Installation installation;
   installation.root = default_install_root();
   std::string text;
-  try_read_file(kUninstallManifestPath, text);
+  read_file(kUninstallManifestPath, text);
   installation.lines = split(text, '\n');
   installation.entries = parse_manifest(text);
   std::string cgroups;
-  try_read_file("/proc/self/cgroup", cgroups);
+  read_file("/proc/self/cgroup", cgroups);
   const bool in_container = container_line(cgroups).has_value();
   for (const ManifestEntry& entry : installation.entries) {
     if (entry.type == "VALTA") {
@@ -53,7 +53,7 @@ std::vector<std::string> dkms_trees() {
     DkmsConfig config;
     config.dkms_tree = without;
     std::string text;
-    if (try_read_file(file, text)) {
+    if (read_file(file, text)) {
       parse_framework_conf(text, config);
     }
     if (!config.dkms_tree.empty() &&

@@ -48,7 +48,7 @@ unsigned number_in(const std::string& text) {
 /// Takes the "MAJOR:MINOR" of a device's file `dev`.
 void add_number(const std::string& path, Devices& devices) {
   std::string text;
-  if (try_read_file(path, text) && text.find(':') != std::string::npos) {
+  if (read_file(path, text) && text.find(':') != std::string::npos) {
     devices.numbers.insert(makedev(number_in(text), number_in(text.substr(text.find(':') + 1))));
   }
 }
@@ -68,7 +68,7 @@ Devices devices_of(const std::string& module) {
   }
   const auto read_names = [&](const char* file, const auto& take) {
     std::string text;
-    try_read_file(file, text);
+    read_file(file, text);
     for (const std::string& line : split(text, '\n')) {
       const auto digits = line.find_first_not_of(' ');
       const auto blank = line.find(' ', digits);
@@ -85,7 +85,7 @@ Devices devices_of(const std::string& module) {
 
 std::string first_line(const std::string& path) {
   std::string text;
-  try_read_file(path, text);
+  read_file(path, text);
   return text.substr(0, text.find('\n'));
 }
 

@@ -48,7 +48,7 @@ std::vector<std::string> files_called(const std::string& name) {
 void read_refusal(const std::string& file, bool& refuses) {
   constexpr std::string_view key = "RefuseManualStop=";
   std::string text;
-  try_read_file(file, text);
+  read_file(file, text);
   for (std::string line : split(text, '\n')) {
     std::erase_if(line, [](char c) { return c == ' ' || c == '\t'; });
     if (line.starts_with(key)) {
