@@ -54,6 +54,7 @@ uid_t __real_getuid();
 int __real_unlink(const char* path);
 FILE* __real_popen(const char* command, const char* mode);
 FILE* __real_fopen(const char* path, const char* mode);
+int __real_open(const char* path, int flags, mode_t mode);
 
 uid_t __wrap_getuid() {
   static int calls = 0;
@@ -67,6 +68,10 @@ int __wrap_unlink(const char* path) {
 
 FILE* __wrap_popen(const char* command, const char* mode) {
   return fault_is("popen") ? nullptr : __real_popen(command, mode);
+}
+
+int __wrap_open(const char* path, int flags, mode_t mode) {
+  return __real_open(plain_file(path).c_str(), flags, mode);
 }
 
 FILE* __wrap_fopen(const char* path, const char* mode) {

@@ -2,6 +2,7 @@
 
 #include <ostream>
 
+#include "uninstall/install_root.h"
 #include "uninstall/manifest.h"
 
 namespace valta {
@@ -60,24 +61,30 @@ std::vector<Situation> situations() {
        .console = "Uninstall valta driver kq_driver failed.\nDriver uninstall failed.\n" + kClosing,
        .log = "Error: 'zephanor' is busy." + kBusyEnd,
        .outcome = "busy",
-       .finding = "module-held",
-       .unloads = false},
+       .finding = "module-users",
+       .unloads = false,
+       .pattern = "does not identify",
+       .mend = ": >/plain/proc/modules"},
       {.name = "CompanionIsBusy",
        .prepare = "echo 'zvrfs 1 1 -' >>/proc/modules",
        .status = 43,
        .log = "Error: Remove 'zvrfs' failed and it's maybe busy." + kBusyEnd,
        .outcome = "busy",
-       .finding = "module-held",
+       .finding = "module-users",
        .runs = "rmmod zvrfs 2>/dev/null\n",
-       .unloads = false},
+       .unloads = false,
+       .pattern = "does not identify",
+       .mend = ": >/plain/proc/modules"},
       {.name = "PeerMemoryIsBusy",
        .prepare = kOfed + "echo 'zvr_peer_mem_drv 1 1 -' >>/proc/modules",
        .status = 43,
        .log = "Error: Remove 'zvr_peer_mem_drv' failed and it's maybe busy." + kBusyEnd,
        .outcome = "busy",
-       .finding = "module-held",
+       .finding = "module-users",
        .runs = "rmmod zvr_peer_mem_drv 2>/dev/null\n",
-       .unloads = false},
+       .unloads = false,
+       .pattern = "does not identify",
+       .mend = ": >/plain/proc/modules"},
       {.name = "RmmodFails",
        .prepare = "tool /sbin/rmmod ': >/proc/modules; echo stuck >&2; exit 1'",
        .status = 5,
@@ -94,14 +101,19 @@ std::vector<Situation> situations() {
        .log = "Error: Failed to depmod, modprobe/modinfo might cant find :\nbroken\n\nSuccessfully",
        .outcome = "failed",
        .unloads = false,
-       .goes_on = true},
+       .goes_on = true,
+       .pattern = "depmod fails: broken",
+       .mend = "tool /sbin/depmod 'mkdir -p /lib/modules/$(uname -r); "
+               ": >/lib/modules/$(uname -r)/modules.dep'"},
       {.name = "ConfigurationIsStuck",
        .prepare = "tool /usr/bin/rm '[ $2 != /etc/zephanor ] || { printf held; exit 1; }'; "
                   "file /etc/zephanor/settings",
        .log = "Error: Clean up the old configuration file /etc/zephanor failed, heldSuccessfully",
        .outcome = "failed",
-       .finding = "configuration-left",
-       .goes_on = true},
+       .finding = "removal-fails",
+       .goes_on = true,
+       .pattern = "/etc/zephanor is a directory that cannot be deleted",
+       .mend = "cp /bin/real/rm /usr/bin/rm"},
       {.name = "RmmodIsMissing",
        .prepare = "rm /sbin/rmmod",
        .console = kClosing,
@@ -111,13 +123,15 @@ std::vector<Situation> situations() {
               "PATH.\nError: Check utils failed. please refer guide in log.\n",
        .outcome = "nothing-done",
        .finding = "tool-missing",
-       .unloads = false},
+       .unloads = false,
+       .pattern = "There is no rmmod",
+       .mend = "tool /sbin/rmmod ': >/plain/proc/modules'"},
       {.name = "LogCannotBeOpened",
        .prepare = "rm " + kLog + "; ln -s /missing/log " + kLog,
        .status = 1,
        .console = "Failed to init zvlogger.\n",
        .outcome = "nothing-done",
-       .finding = "log-refused",
+       .finding = "log-odd",
        .unloads = false},
       {.name = "NotRootAnymore",
        .fault = "not-root-anymore",
@@ -132,10 +146,12 @@ std::vector<Situation> situations() {
        .log = "Error: std::bad_alloc\nDriver uninstall failed.\n",
        .unloads = false},
       {.name = "ShellCannotBeStarted",
+       .manifest = {"FILE /dev/null x", "SERVICE u x"},
        .prepare = ": >/proc/modules",
        .fault = "popen",
-       .log = "Warning: MD5 for /last failed: 0 ctx: \nWarning: Uninstall: md5sum of /last is "
-              "empty. Skipping.\n",
+       .log = "Warning: MD5 for /dev/null failed: 0 ctx: \nWarning: Uninstall: md5sum of "
+              "/dev/null is empty. Skipping.\nDebug: checking service_file " +
+              kUnit + "\nUninstall: service:u failed.\n",
        .unloads = false},
       {.name = "Container",
        .manifest = {"SERVICE u " + kEmpty, "DKMS latest"},
@@ -159,13 +175,26 @@ std::vector<Situation> situations() {
               ": Input/output error\nWarning: parse uninstall manifest error. please uninstall "
               "zephanor manually\nDebug: Found dkms",
        .runs = clean_up()},
+      {.name = "NeitherDriverNorManifestNorDkms",
+       .prepare = std::string(": >/proc/modules; rm /usr/sbin/dkms ") + kUninstallManifestPath +
+                  "; file " + default_install_root() + "/file",
+       .log = std::string("Continue...\nNo driver installed. try uninstall utils.\n"
+                          "Warning: Uninstall manifests not found at location: '") +
+              kUninstallManifestPath +
+              "'.\nWarning: parse uninstall manifest error. please uninstall  manually\n"
+              "Successfully uninstall driver.\n",
+       .outcome = "failed",
+       .finding = "manifest-missing",
+       .runs = clean_up(),
+       .unloads = false},
       {.name = "TypeIsUnknown",
        .manifest = {"FILE /dev/null x", "file /a b"},
        .status = 5,
        .output = "Uninstall: type:file's handler is not found.\n",
        .log = kStopped,
-       .finding = "manifest-line",
-       .runs = md5sum("/dev/null")},
+       .finding = "manifest-type",
+       .runs = md5sum("/dev/null"),
+       .ends = "kept"},
       {.name = "DirectoryIsALinkLoop",
        .manifest = {"DIR /loop "},
        .prepare = "ln -s /loop /loop",
@@ -178,11 +207,14 @@ std::vector<Situation> situations() {
        .status = 5,
        .log = "[/fifo]\n" + kStopped},
       {.name = "FileCannotBeDeleted",
-       .manifest = {"FILE /full digest"},
+       .manifest = {"FILE /dev/null x", "FILE /full digest"},
        .prepare = kAnyDigest + "file /full/file",
        .status = 141,
-       .log = "Uninstall: /full Failed.\n" + kStopped,
-       .runs = md5sum("/full")},
+       .log = "Skipping. expected,actual:(x digest).\nUninstall: /full Failed.\n" + kStopped,
+       .runs = md5sum("/dev/null") + md5sum("/full"),
+       .pattern = "/full is a directory",
+       .mend = "rm -r /full",
+       .ends = "kept"},
       {.name = "LinkCannotBeDeleted",
        .manifest = {"SYMLINK /link "},
        .prepare = "ln -s /missing /link",
@@ -201,7 +233,8 @@ std::vector<Situation> situations() {
        .log = "Uninstall: Toolkit not uninstalled. Skipping remove /v/lib.\n",
        .outcome = "shared",
        .finding = "shared-kept",
-       .goes_on = true},
+       .goes_on = true,
+       .ends = "shared"},
       {.name = "UnitIsChanged",
        .manifest = {"SERVICE a@b " + kEmpty},
        .prepare = "file /lib/systemd/system/a@.service x",
@@ -236,7 +269,10 @@ std::vector<Situation> situations() {
        .prepare = kAnyDigest + "file " + kUnit + "/file",
        .status = 145,
        .log = "Uninstall: " + kUnit + " Succeed.\nUninstall: service:u failed.\n",
-       .runs = disable_and_stop("u") + md5sum(kUnit) + forget_and_ask("u")},
+       .runs = disable_and_stop("u") + md5sum(kUnit) + forget_and_ask("u"),
+       .pattern = "u.service is a directory",
+       .mend = "rm -r " + kUnit,
+       .ends = "kept"},
       {.name = "DkmsIsMissingAndALinkIsNone",
        .manifest = {"DKMS latest", "SYMLINK /etc/os-release "},
        .prepare = "rm /usr/sbin/dkms",
@@ -255,8 +291,10 @@ std::vector<Situation> situations() {
               "install_tree /lib/modules\nchecking /var/lib/dkms/valta/1\n"
               "Debug: CMD: dkms remove valta/1 --all 2>&1\n" +
               kStopped,
-       .finding = "dkms-registered",
-       .runs = dkms_remove("1")},
+       .finding = "dkms-fails",
+       .runs = dkms_remove("1"),
+       .pattern = "dkms fails to remove valta/1",
+       .mend = "tool /usr/sbin/dkms '/bin/real/rm -rf /var/lib/dkms/valta'"},
       {.name = "DkmsSourcesStay",
        .manifest = {"DKMS latest"},
        .prepare = "file /var/lib/dkms/valta/1/source/a; file /usr/src/valta-1/a; "
@@ -265,8 +303,11 @@ std::vector<Situation> situations() {
        .log = "Debug: CMD: /usr/src/valta-1\n"
               "Warning: remove dkms src /usr/src/1 may failed. please remove it manually.\n" +
               kStopped,
-       .finding = "dkms-sources",
-       .runs = dkms_remove("1") + "rm -rf /usr/src/valta-1 2>&1 2>&1\n"},
+       .finding = "removal-fails",
+       .runs = dkms_remove("1") + "rm -rf /usr/src/valta-1 2>&1 2>&1\n",
+       .pattern = "/usr/src/valta-1 is a directory that cannot be deleted",
+       .mend = "cp /bin/real/rm /usr/bin/rm; tool /usr/sbin/dkms "
+               "'/bin/real/rm -rf /var/lib/dkms/valta'"},
       {.name = "DkmsTreeCannotBeRead",
        .manifest = {"DKMS latest"},
        .prepare = "file /etc/dkms/framework.conf dkms_tree=/cut; file /valta/1/source/a",
@@ -275,6 +316,16 @@ std::vector<Situation> situations() {
               "Warning: parse dkms file failed. assume default value.\n",
        .goes_on = true},
   };
+}
+
+std::vector<Situation> situations_of_hosts() {
+  std::vector<Situation> list = situations();
+  // A fault of the C library is not the host's, and a kernel that does as it likes has no stand-in.
+  std::erase_if(list, [](const Situation& situation) {
+    return !situation.fault.empty() ||
+           situation.prepare.find("tool /sbin/rmmod") != std::string::npos;
+  });
+  return list;
 }
 
 }  // namespace valta

@@ -29,11 +29,23 @@ struct Situation {
   std::string runs;      ///< the command lines, but for those of what follows
   bool unloads = true;   ///< the driver, in front of all others
   bool goes_on = false;  ///< to the end of the manifest and the clean-up, behind all others
+
+  // For those who follow the output of valta-driver-inspect there.
+  std::string pattern;   ///< names the cause in the output
+  std::string mend;      ///< shell commands that fix the cause
+  std::string ends;      ///< a good end, beside "done" and "clean"
+  std::string mounts;    ///< shell commands outside the host, in its root
+  std::string precious;  ///< a file that nobody wants to lose
+  std::string instead;   ///< shell commands in the place of the run
+  bool heeds = false;    ///< types what is offered before the run
 };
 
 void PrintTo(const Situation& situation, std::ostream* stream);
 
 std::vector<Situation> situations();
+
+/// Those whose fault is the host's.
+std::vector<Situation> situations_of_hosts();
 
 /// Makes `host` what `situation` says.
 void meet(const Situation& situation, ThrowawayHost& host);

@@ -24,9 +24,25 @@ namespace {
 constexpr const char* kInspect = "/valta-driver-inspect";
 constexpr const char* kHostScripts = VALTA_SOURCE "/tests/host/";
 
+/// What the commands of a test may call.
+constexpr const char* kFunctions =
+    "file() { mkdir -p \"${1%/*}/\"; printf %s \"$2\" >\"$1\"; }\n"
+    "tool() { printf '#!/bin/real/sh\\n%s\\n' \"$2\" >\"$1\"; chmod +x \"$1\"; }\n";
+
 std::string contents(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+const std::string kPlaceholder = "@VERSION@";
+
+std::string sample_file(const std::string& what) { return kHostScripts + ("sample." + what); }
+
+std::string replaced(std::string text, const std::string& old, const std::string& with) {
+  for (std::size_t at = 0; (at = text.find(old, at)) != std::string::npos; at += with.size()) {
+    text.replace(at, old.size(), with);
+  }
+  return text;
 }
 
 std::string quote(const std::string& path) { return " '" + path + "'"; }
@@ -35,6 +51,18 @@ std::string quote(const std::string& path) { return " '" + path + "'"; }
 int script(const std::string& name, const std::string& arguments) {
   const int status = std::system((quote(kHostScripts + name) + " " + arguments).c_str());
   return WEXITSTATUS(status);
+}
+
+/// Keeps `page`, if it is a report, for scripts/check-reports.
+void collect_report(const std::string& page) {
+  if (std::ifstream(page).peek() == '{') {
+    static int number = 0;
+    fs::create_directories(VALTA_SCRATCH "/../reports");
+    fs::copy_file(page,
+                  VALTA_SCRATCH "/../reports/" + std::to_string(getpid()) + "-" +
+                      std::to_string(++number) + ".json",
+                  fs::copy_options::overwrite_existing);
+  }
 }
 
 /// Root enters by chroot, a normal user through a user namespace.
@@ -51,42 +79,16 @@ bool enter(const std::string& root) {
 
 }  // namespace
 
-void PrintTo(ResultCode code, std::ostream* stream) {
-  const auto name = [code] {
-    switch (code) {
-      case ResultCode::success:
-        return "success";
-      case ResultCode::failure:
-        return "failure";
-      case ResultCode::tolerated:
-        return "tolerated";
-      case ResultCode::module_busy:
-        return "module_busy";
-      case ResultCode::dkms_failed:
-        return "dkms_failed";
-      case ResultCode::file_failed:
-        return "file_failed";
-      case ResultCode::link_failed:
-        return "link_failed";
-      case ResultCode::shared_link_failed:
-        return "shared_link_failed";
-      case ResultCode::service_remains:
-        return "service_remains";
-      case ResultCode::dkms_missing:
-        return "dkms_missing";
-    }
-    return "no result code";
-  };
-  *stream << name() << " (" << static_cast<int>(code) << ")";
-}
+void PrintTo(ResultCode code, std::ostream* stream) { *stream << static_cast<int>(code); }
 
 void PrintTo(ModuleStatus status, std::ostream* stream) { *stream << static_cast<int>(status); }
 
-ThrowawayHost::ThrowawayHost() {
+ThrowawayHost::ThrowawayHost(const std::string& tools) {
   std::string pattern = VALTA_SCRATCH "/host-XXXXXX";
   fs::create_directories(VALTA_SCRATCH);
   scratch_ = mkdtemp(pattern.data());
   root_ = scratch_ + "/root";
+  setenv("MORE_TOOLS", tools.c_str(), 1);
   EXPECT_EQ(script("lay-out", quote(root_) + quote(VALTA_PROGRAM)), 0);
 }
 
@@ -108,11 +110,7 @@ void ThrowawayHost::load_module(const std::string& name) {
 }
 
 void ThrowawayHost::sh(const std::string& commands) {
-  std::ofstream(root_ + "/run/commands.sh")
-      << "set -e\n"
-         "file() { mkdir -p \"${1%/*}/\"; printf %s \"$2\" >\"$1\"; }\n"
-         "tool() { printf '#!/bin/real/sh\\n%s\\n' \"$2\" >\"$1\"; }\n"
-      << commands;
+  std::ofstream(root_ + "/run/commands.sh") << "set -e\n" << kFunctions << commands;
   EXPECT_EQ(script("enter", quote(root_) + " /bin/real/sh /run/commands.sh"), 0) << commands;
   fs::remove(root_ + "/run/commands.sh");
 }
@@ -158,14 +156,34 @@ void ThrowawayHost::put_faulty_programs() {
   fs::copy_file(VALTA_FAULTY_INSPECT, root_ + kInspect, options);
 }
 
+void ThrowawayHost::put_probe() { fs::copy_file(VALTA_PROBE, root_ + "/probe"); }
+
 Inspection ThrowawayHost::inspect(const std::string& arguments, const std::string& path,
                                   const std::string& form) {
   const std::string page = scratch_ + "/page";
   const int status =
       script("enter", "-r -e --ignore-signal=CHLD -e PATH=" + path + quote(root_) + " " + kInspect +
                           " " + arguments + " " + form + " >" + quote(page) + " 2>&1 5</");
+  collect_report(page);
   const std::string text = contents(page);
   return {status, nlohmann::json::parse(text, nullptr, false), text};
+}
+
+std::string ThrowawayHost::follow(const std::map<std::string, std::string>& part, bool heeds) {
+  const std::string directory = root_ + "/run/follow/";
+  fs::create_directory(directory);
+  std::ofstream(directory + "functions") << kFunctions;
+  for (const auto& [name, text] : part) {
+    std::ofstream(directory + name) << text;
+  }
+  fs::copy_file(std::string(kHostScripts) + "follow-page", directory + "follow-page");
+  const std::string transcript = scratch_ + "/transcript";
+  script("enter", "-r" + quote(root_) + " /bin/real/sh /run/follow/follow-page " +
+                      (heeds ? "heed" : "") + " >" + quote(transcript) + " 2>&1");
+  for (const auto& entry : fs::directory_iterator(directory)) {
+    collect_report(entry.path());
+  }
+  return contents(transcript);
 }
 
 pid_t ThrowawayHost::start_inspecting(const std::string& verb) {
@@ -223,12 +241,15 @@ void ThrowawayHost::call(const std::function<void()>& body) {
 }
 
 std::string expected_of_sample(const std::string& what) {
-  std::string text = contents(kHostScripts + ("sample." + what));
-  const std::string placeholder = "@VERSION@";
-  for (std::size_t at = 0; (at = text.find(placeholder, at)) != std::string::npos;) {
-    text.replace(at, placeholder.size(), kStackVersion);
+  return replaced(contents(sample_file(what)), kPlaceholder, kStackVersion);
+}
+
+void expect_of_sample(const std::string& what, const std::string& text) {
+  if (std::getenv("RENEW_SAMPLE") != nullptr) {
+    std::ofstream(sample_file(what)) << replaced(text, kStackVersion, kPlaceholder);
+  } else {
+    EXPECT_EQ(text, expected_of_sample(what)) << "scripts/renew-sample writes it again";
   }
-  return text;
 }
 
 }  // namespace valta

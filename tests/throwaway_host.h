@@ -46,7 +46,8 @@ struct Inspection {
 /// fails.
 class ThrowawayHost {
  public:
-  ThrowawayHost();
+  /// With the machine's `tools` besides, words with spaces between them.
+  explicit ThrowawayHost(const std::string& tools = "");
   ~ThrowawayHost();
   ThrowawayHost(const ThrowawayHost&) = delete;
   ThrowawayHost& operator=(const ThrowawayHost&) = delete;
@@ -59,6 +60,8 @@ class ThrowawayHost {
   /// there are `file PATH [CONTENT]` and `tool PATH SCRIPT`, which replaces a tool, to call.
   void sh(const std::string& commands);
 
+  /// Where the machine has `path` of the host.
+  [[nodiscard]] std::string outside(const std::string& path) const { return root_ + path; }
   [[nodiscard]] std::string read(const std::string& path) const;
   [[nodiscard]] bool has(const std::string& path) const;
   /// Files, links and empty directories, a line each, but for the tools and records of the host.
@@ -69,6 +72,8 @@ class ThrowawayHost {
   [[nodiscard]] std::map<std::string, std::string> listing() const;
 
   Outcome run(const Circumstances& circumstances = {});
+  /// Puts the program of probe.cpp at /probe.
+  void put_probe();
   /// From now on the programs are copies that find the host's module list wherever they run, as
   /// `inspect` needs them.
   void put_faulty_programs();
@@ -76,6 +81,9 @@ class ThrowawayHost {
   /// caller ignores children and has a file open.
   Inspection inspect(const std::string& arguments, const std::string& path = "/usr/bin:/bin",
                      const std::string& form = "--json");
+  /// Follows what it prints before and after a run, by tests/host/follow-page. `part` has the
+  /// host's part in this. Returns all that was read and typed.
+  std::string follow(const std::map<std::string, std::string>& part, bool heeds);
   /// Starts it with `verb` and returns its process.
   pid_t start_inspecting(const std::string& verb);
   /// Whether a process that `start_inspecting` brought about is still there.
@@ -88,8 +96,12 @@ class ThrowawayHost {
   std::string root_;
 };
 
-/// What the sample installation comes to: the "log", the "trace", or the files that are "left".
+/// What the sample installation comes to: the "log", the "trace", the files that are "left", or the
+/// pages of valta-driver-inspect, "before" and "after".
 [[nodiscard]] std::string expected_of_sample(const std::string& what);
+
+/// Expects `text` to be `expected_of_sample`, or, for scripts/renew-sample, makes it so.
+void expect_of_sample(const std::string& what, const std::string& text);
 
 inline const std::string kLog = "/var/log/zephanorvalta/driver_uninstaller.log";
 

@@ -2,28 +2,29 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
-#include "inspect/host/installation.h"
+#include "inspect/dry_run/namespaces.h"
+#include "inspect/host/memory.h"
 #include "utils/files.h"
+#include "utils/listing.h"
+#include "utils/paths.h"
 
 namespace valta::inspect {
 namespace fs = std::filesystem;
 namespace {
 
-/// Directories that the image may cover for this process. What lies below the first is never part
-/// of an image; of the others that is seen no more.
+/// Directories that the overlay may cover for this process. What lies below the first is never part
+/// of an overlay; of the others that is seen no more.
 constexpr std::array<const char*, 4> kScratchDirectories = {"/dev/shm", "/tmp", "/run", "/mnt"};
 
 constexpr std::array<const char*, 6> kDevices = {"null",   "zero",    "full",
@@ -33,6 +34,19 @@ constexpr std::array<const char*, 6> kDevices = {"null",   "zero",    "full",
 constexpr std::array<const char*, 3> kSockets = {"/run/systemd/private", "/run/systemd/notify",
                                                  "/run/dbus/system_bus_socket"};
 
+/// File systems that take upper and lower case for the same: an overlay refuses them, with an error
+/// in the kernel's log.
+constexpr std::array<std::string_view, 6> kNoLowerLayers = {"exfat", "hfs",   "hfsplus",
+                                                            "msdos", "ntfs3", "vfat"};
+
+/// Renamed directories and changed attributes are to be found in the upper layer, whatever the
+/// kernel's defaults are. Older kernels know none or one of these options.
+constexpr std::array<const char*, 3> kLayerOptions = {",redirect_dir=off,metacopy=off",
+                                                      ",redirect_dir=off", ""};
+
+/// The share of the available memory that a dry run may use.
+constexpr std::uint64_t kShareOfMemory = 2;
+
 void mount_or_fail(const std::string& source, const std::string& target, const char* type,
                    unsigned long flags, const std::string& options = "") {
   if (mount(source.c_str(), target.c_str(), type, flags, options.c_str()) != 0) {
@@ -40,23 +54,29 @@ void mount_or_fail(const std::string& source, const std::string& target, const c
   }
 }
 
-void bind(const std::string& source, const std::string& target) {
-  mount_or_fail(source, target, nullptr, MS_BIND);
-}
-
-bool bind_read_only(const std::string& source, const std::string& target, unsigned long flags) {
+/// Mounts `source`, a file or a directory, on `target` once more, with `flags`. Returns whether
+/// that was possible.
+// Under the name "bind" a call with two strings would find std::bind, which mounts nothing.
+bool bind_mount(const std::string& source, const std::string& target, unsigned long flags) {
   if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
     return false;
   }
-  if (mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | flags, nullptr) !=
-      0) {
+  if (mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr) != 0) {
     umount2(target.c_str(), MNT_DETACH);
     return false;
   }
   return true;
 }
 
-std::string path_of(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
+void bind_or_fail(const std::string& source, const std::string& target, unsigned long flags) {
+  if (!bind_mount(source, target, flags)) {
+    fail_to("mount " + source + " on " + target);
+  }
+}
+
+std::string path_of(const Descriptor& descriptor) {
+  return "/proc/self/fd/" + std::to_string(descriptor.get());
+}
 
 void touch(const std::string& path) { std::ofstream(path).close(); }
 
@@ -74,224 +94,178 @@ std::string attribute_option(const std::string& upper) {
   return setxattr(upper.c_str(), "trusted.valta", "", 0, 0) == 0 ? "" : ",userxattr";
 }
 
-bool is_whiteout(const struct stat& status) {
-  return S_ISCHR(status.st_mode) && status.st_rdev == 0;
+bool mount_overlay(const std::string& lower, const std::string& directory) {
+  const std::string upper = directory + "/upper";
+  // Numbers instead of names: whatever a mount point is called, it cannot break the options.
+  const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + directory +
+                              "/work" + attribute_option(upper);
+  return std::any_of(kLayerOptions.begin(), kLayerOptions.end(), [&](const char* more) {
+    return mount("overlay", (directory + "/merged").c_str(), "overlay", MS_NODEV,
+                 (options + more).c_str()) == 0;
+  });
 }
 
-/// Whether the directory `upper` hides all of the lower one.
-bool is_opaque(const std::string& upper) {
-  char value = 0;
-  return (getxattr(upper.c_str(), "trusted.overlay.opaque", &value, 1) == 1 ||
-          getxattr(upper.c_str(), "user.overlay.opaque", &value, 1) == 1) &&
-         value == 'y';
-}
-
-const char* kind_of(const struct stat& status) {
-  switch (status.st_mode & S_IFMT) {
-    case S_IFREG:
-      return "file";
-    case S_IFLNK:
-      return "link";
-    case S_IFDIR:
-      return "directory";
-    default:
-      return "other";
-  }
-}
-
-std::string content_of(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-bool same_content(const std::string& lower, const std::string& upper, const struct stat& status) {
-  if (S_ISLNK(status.st_mode)) {
-    std::error_code ignored;
-    return fs::read_symlink(lower, ignored) == fs::read_symlink(upper, ignored);
-  }
-  return !S_ISREG(status.st_mode) || content_of(lower) == content_of(upper);
-}
-
-/// The walk through an upper layer beside its lower one.
-class Comparison {
- public:
-  Comparison(Image::Changes& changes, std::string lower, std::string upper, std::string point)
-      : changes_(changes),
-        lower_(std::move(lower)),
-        upper_(std::move(upper)),
-        point_(std::move(point)) {}
-
-  void run() {
-    directories_ = {{"", false}};
-    while (!directories_.empty()) {
-      const Directory directory = std::move(directories_.back());
-      directories_.pop_back();
-      compare_entries(directory.path, directory.hides || is_opaque(upper_ + directory.path));
+std::string mount_scratch() {
+  const std::uint64_t bytes = available_memory() / kShareOfMemory;
+  const std::string options = "mode=0700" + (bytes == 0 ? "" : ",size=" + std::to_string(bytes));
+  for (const char* const directory : kScratchDirectories) {
+    if (mount("tmpfs", directory, "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) == 0) {
+      return directory;
     }
   }
+  fail_to("mount a file system in memory");
+}
 
- private:
-  // Paths below start with "/", at the root of the layer.
+/// `path` without the front part `directory`, which it is below.
+std::string below(const std::string& path, const std::string& directory) {
+  return directory == "/" ? (path == "/" ? "" : path) : path.substr(directory.size());
+}
 
-  struct Directory {
-    std::string path;
-    bool hides;  ///< it is in one that hides what is below it
+/// Adds to `all` what of `changes` in a layer shows at `mounted`, where the layer's directory
+/// `front` is mounted.
+void add_shown(const Changes& changes, const Mount& mounted, const std::string& front,
+               const MountTree& tree, Changes& all) {
+  const std::string point = mounted.point == "/" ? "" : mounted.point;
+  /// The path that shows the file of the layer here; empty for none.
+  const auto shown = [&](const std::string& path) -> std::string {
+    if (!path.starts_with(front + "/")) {
+      return "";
+    }
+    std::string here = point + path.substr(front.size());
+    const Mount* const on_top = tree.showing(here);
+    return on_top != nullptr && on_top->id == mounted.id ? here : "";
   };
-
-  void compare_entries(const std::string& directory, bool hides) {
-    const std::vector<std::string> above = names_in(upper_ + directory);
-    for (const std::string& name : above) {
-      compare(directory + "/" + name, hides);
-    }
-    if (!hides) {
-      return;
-    }
-    for (const std::string& name : names_in(lower_ + directory)) {
-      if (std::find(above.begin(), above.end(), name) == above.end()) {
-        note_removal(directory + "/" + name);
-      }
+  for (const Removal& removal : changes.removed) {
+    if (std::string path = shown(removal.path); !path.empty()) {
+      all.removed.push_back({std::move(path), removal.kind});
     }
   }
-
-  void compare(const std::string& path, bool hidden) {
-    struct stat before {};
-    struct stat after {};
-    const bool existed = lstat((lower_ + path).c_str(), &before) == 0;
-    if (lstat((upper_ + path).c_str(), &after) != 0) {
-      return;
-    }
-    if (is_whiteout(after) || (existed && S_ISDIR(before.st_mode) && !S_ISDIR(after.st_mode))) {
-      note_removal(path);
-    }
-    if (is_whiteout(after)) {
-      return;
-    }
-    if (!existed || before.st_mode != after.st_mode || before.st_uid != after.st_uid ||
-        before.st_gid != after.st_gid || !same_content(lower_ + path, upper_ + path, before)) {
-      changes_.written.push_back(point_ + path);
-    }
-    if (S_ISDIR(after.st_mode)) {
-      directories_.push_back({path, hidden});
+  for (const std::string& written : changes.written) {
+    if (std::string path = shown(written); !path.empty()) {
+      all.written.push_back(std::move(path));
     }
   }
-
-  void note_removal(const std::string& path) {
-    std::vector<std::string> gone = {lower_ + path};
-    if (!is_symlink(lower_ + path)) {
-      const std::vector<std::string> below = paths_below(lower_ + path);
-      gone.insert(gone.end(), below.begin(), below.end());
-    }
-    for (const std::string& lower : gone) {
-      struct stat status {};
-      if (lstat(lower.c_str(), &status) == 0) {
-        changes_.removed.push_back({point_ + lower.substr(lower_.size()), kind_of(status)});
-      }
-    }
-  }
-
-  Image::Changes& changes_;
-  std::string lower_;
-  std::string upper_;
-  std::string point_;
-  std::vector<Directory> directories_;  ///< still to be compared
-};
+}
 
 }  // namespace
 
-void fail_to(const std::string& tried) {
-  throw NotPossible("could not " + tried + ": " + std::strerror(errno));
-}
-
-void leave_namespaces() {
-  if (unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET) != 0) {
-    fail_to("get namespaces of its own");
-  }
-  // In a chroot this fails, and mounts would show up outside of it.
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    fail_to("keep its mounts to itself");
-  }
-  for (const Mount& mounted : read_mounts()) {
-    if (holds_files(mounted)) {
-      // What is hidden, or may not be changed in here, is as it was: its access times may move.
-      mount(nullptr, mounted.point.c_str(), nullptr,
-            MS_REMOUNT | MS_BIND | MS_NOATIME | mounted.flags, nullptr);
-    }
-  }
-}
-
-Image::Image() {
-  std::vector<std::pair<Mount, int>> lowers;
-  for (const Mount& mounted : read_mounts()) {
-    const int descriptor =
-        holds_files(mounted) ? open(mounted.point.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC) : -1;
-    if (descriptor >= 0 && mount_of(descriptor) == mounted.id) {
-      lowers.emplace_back(mounted, descriptor);
-    }
-  }
-  const auto* const scratch =
-      std::find_if(kScratchDirectories.begin(), kScratchDirectories.end(), [](const char* path) {
-        return mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700") == 0;
-      });
-  if (scratch == kScratchDirectories.end()) {
-    fail_to("mount a file system in memory");
-  }
-  root_ = std::string(*scratch) + "/root";
+Overlay::Overlay() : host_(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)), mounts_(read_mounts()) {
+  places_ = open_places();
+  scratch_ = mount_scratch();
+  root_ = scratch_ + "/root";
   fs::create_directory(root_);
-  for (const auto& [mounted, descriptor] : lowers) {
-    add_layer(mounted, descriptor);
+  touch(aside("cover"));
+
+  // What shows more of a file system comes first: the other mounts of it are in its layer.
+  std::vector<Place*> by_root;
+  for (Place& place : places_) {
+    by_root.push_back(&place);
+  }
+  std::stable_sort(by_root.begin(), by_root.end(), [](const Place* a, const Place* b) {
+    return a->mount.root.size() < b->mount.root.size();
+  });
+  for (Place* const place : by_root) {
+    choose_layer(*place);
+  }
+  for (const Place& place : places_) {
+    mount_place(place);
   }
   make_devices();
+  unlike_host_.emplace_back("/dev");
   // Where it is not to be had, as in a container of its own, nothing that is called here misses it.
-  static_cast<void>(bind_read_only("/sys", root_ + "/sys", MS_NOSUID | MS_NODEV | MS_NOEXEC));
-  for (const char* const socket : kSockets) {
-    if (path_exists(root_ + socket)) {
-      bind(root_ + "/dev/full", root_ + socket);
+  static_cast<void>(
+      bind_mount("/sys", root_ + "/sys", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC));
+  cover_sockets();
+}
+
+/// Opens the mounts that hold files and can be seen.
+std::vector<Overlay::Place> Overlay::open_places() {
+  const MountTree tree(mounts_);
+  std::vector<Place> places;
+  for (const Mount& mounted : mounts_) {
+    if (!holds_files(mounted) || !tree.shows(mounted)) {
+      continue;
+    }
+    Descriptor directory(open(mounted.point.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (directory.is_open()) {
+      places.push_back({mounted, std::move(directory), {}});
+    } else {
+      unlike_host_.push_back(mounted.point);
     }
   }
+  std::stable_sort(places.begin(), places.end(),
+                   [](const Place& a, const Place& b) { return a.mount.point < b.mount.point; });
+  return places;
 }
 
-Image::~Image() {
-  for (const Layer& layer : layers_) {
-    close(layer.lower);
-  }
-}
-
-void Image::add_layer(const Mount& mounted, int lower) {
-  const std::string target = root_ + mounted.point;
-  const std::string directory =
-      fs::path(root_).replace_filename("layer") / std::to_string(layers_.size());
-  const std::string upper = directory + "/upper";
-  struct stat status {};
-  // A FUSE file system may deny root even this.
-  if (fstat(lower, &status) == 0 && S_ISDIR(status.st_mode)) {
-    fs::create_directories(upper);
-    fs::create_directory(directory + "/work");
-    copy_attributes(status, upper);
-    // Numbers instead of names: whatever a mount point is called, it cannot break the options.
-    const std::string options = "lowerdir=" + path_of(lower) + ",upperdir=" + upper +
-                                ",workdir=" + directory + "/work" + attribute_option(upper);
-    if (mount("overlay", target.c_str(), "overlay", mounted.flags | MS_NODEV, options.c_str()) ==
-        0) {
-      layers_.push_back({mounted.point == "/" ? "" : mounted.point, lower, upper});
+void Overlay::choose_layer(Place& place) {
+  const Mount& mounted = place.mount;
+  for (std::size_t number = 0; number < layers_.size(); ++number) {
+    const Layer& layer = layers_[number];
+    if (layer.device == mounted.device && is_below(mounted.root, layer.root)) {
+      place.layer = number;
       return;
     }
-    if (mounted.point == "/") {
-      fail_to("make the root file system the lower layer of an overlay");
-    }
   }
-  read_only_.push_back(mounted.point);
-  // Where even that is not possible, as below an automounter's directory, the image lacks it.
-  static_cast<void>(bind_read_only(path_of(lower), target, mounted.flags));
+  if (std::find(kNoLowerLayers.begin(), kNoLowerLayers.end(), mounted.type) ==
+          kNoLowerLayers.end() &&
+      make_layer(place)) {
+    place.layer = layers_.size() - 1;
+  } else if (mounted.point == "/") {
+    fail_to("make the root file system the lower layer of an overlay");
+  }
 }
 
-void Image::make_devices() const {
-  const std::string devices = root_ + "/dev";
-  mount_or_fail("devices", devices, "tmpfs", MS_NOSUID, "mode=0755");
+bool Overlay::make_layer(Place& place) {
+  struct stat status {};
+  // A FUSE file system may deny root even this.
+  if (fstat(place.directory.get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    return false;
+  }
+  Layer layer{place.mount.device, place.mount.root, Descriptor(),
+              aside("layer") + "/" + std::to_string(layers_.size())};
+  for (const char* const name : {"/upper", "/work", "/merged"}) {
+    fs::create_directories(layer.directory + name);
+  }
+  copy_attributes(status, layer.directory + "/upper");
+  if (!mount_overlay(path_of(place.directory), layer.directory)) {
+    return false;
+  }
+  layer.lower = std::move(place.directory);
+  layers_.push_back(std::move(layer));
+  return true;
+}
+
+void Overlay::mount_place(const Place& place) {
+  const std::string target = root_ + (place.mount.point == "/" ? "" : place.mount.point);
+  const unsigned long flags = place.mount.flags | MS_NODEV;
+  if (place.layer) {
+    const Layer& layer = layers_[*place.layer];
+    const std::string source = layer.directory + "/merged" + below(place.mount.root, layer.root);
+    if (bind_mount(source, target, flags)) {
+      return;
+    }
+  }
+  unlike_host_.push_back(place.mount.point);
+  struct stat status {};
+  // What is neither, a socket for one, would lead to the host. Where the mount point is missing, as
+  // below an automounter's directory, the overlay lacks it.
+  if (fstat(place.directory.get(), &status) == 0 &&
+      (S_ISDIR(status.st_mode) || S_ISREG(status.st_mode))) {
+    static_cast<void>(bind_mount(path_of(place.directory), target, flags | MS_RDONLY));
+  }
+}
+
+void Overlay::make_devices() const {
+  const std::string devices = aside("dev");
+  fs::create_directory(devices);
   for (const char* const name : kDevices) {
     const std::string source = std::string("/dev/") + name;
-    touch(devices + "/" + name);
+    const std::string target = devices + "/" + name;
+    touch(target);
     if (fs::is_character_file(source)) {
-      bind(source, devices + "/" + name);
+      // A device can be written to all the same, but its owner, mode and times are the host's.
+      bind_or_fail(source, target, MS_RDONLY | MS_NOSUID | MS_NOEXEC);
     }
   }
   // A shell's process substitution opens what is below "fd".
@@ -300,49 +274,92 @@ void Image::make_devices() const {
   fs::create_symlink("fd/1", devices + "/stdout");
   fs::create_symlink("fd/2", devices + "/stderr");
   fs::create_directory(devices + "/shm");
+  mount_or_fail(devices, root_ + "/dev", nullptr, MS_BIND | MS_REC);
   fs::create_directory(root_ + kToolDirectory);
 }
 
-void Image::enter() const {
+void Overlay::cover_sockets() const {
+  for (const char* const socket : kSockets) {
+    if (path_exists(root_ + socket)) {
+      bind_or_fail(aside("cover"), root_ + socket, MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC);
+    }
+  }
+}
+
+void Overlay::enter() const {
   if (unshare(CLONE_NEWNS) != 0) {
-    fail_to("get a mount namespace for the image");
+    fail_to("get a mount namespace for the overlay");
   }
   // Read-only, as root could turn the kernel's settings there without any capability.
   mount_or_fail("proc", root_ + "/proc", "proc", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC);
   const std::string list = root_ + "/proc/modules";
   if (path_exists(list)) {  // a kernel that loads no modules has none
-    bind(root_ + kToolDirectory + "/modules", list);
+    mount_or_fail(root_ + kToolDirectory + "/modules", list, nullptr, MS_BIND);
   }
-  if (chdir(root_.c_str()) != 0) {
-    fail_to("enter the image");
+  if (chdir(scratch_.c_str()) != 0) {
+    fail_to("enter the overlay");
   }
   // The old root lands on top of the new one and is taken off again. The first root file system of
-  // a host, which cannot be moved, stays below the image, out of reach.
+  // a host, which cannot be moved, stays below the overlay, out of reach.
   if (syscall(SYS_pivot_root, ".", ".") == 0) {
     umount2(".", MNT_DETACH);
-  } else if (chroot(".") != 0) {
-    fail_to("make the image the root directory");
   }
-  if (chdir("/") != 0) {
-    fail_to("enter the image");
+  // In a directory that is not the root of its mount namespace, the kernel makes no user
+  // namespaces, in which a process could mount again.
+  if (chroot("root") != 0 || chdir("/") != 0) {
+    fail_to("make the overlay the root directory");
   }
 }
 
-Image::Changes Image::changes() const {
-  Changes changes;
-  for (const Layer& layer : layers_) {
-    Comparison(changes, path_of(layer.lower), layer.upper, layer.point).run();
+bool Overlay::is_full() const {
+  struct statvfs room {};
+  return statvfs(scratch_.c_str(), &room) == 0 && (room.f_bavail == 0 || room.f_favail == 0);
+}
+
+Overlay::WrittenFile Overlay::largest_file() const {
+  constexpr std::string_view upper = "/upper/";
+  WrittenFile largest;
+  for (const std::string& path : paths_below(aside("layer"))) {
+    struct stat status {};
+    const auto in_layer = path.find(upper);
+    if (in_layer != std::string::npos && lstat(path.c_str(), &status) == 0 &&
+        S_ISREG(status.st_mode) && static_cast<std::uintmax_t>(status.st_size) > largest.size) {
+      largest = {path.substr(in_layer + upper.size() - 1),
+                 static_cast<std::uintmax_t>(status.st_size)};
+    }
   }
-  std::sort(changes.removed.begin(), changes.removed.end(),
+  return largest;
+}
+
+Changes Overlay::changes() const {
+  const MountTree tree(mounts_);
+  Changes all;
+  for (std::size_t number = 0; number < layers_.size(); ++number) {
+    const Layer& layer = layers_[number];
+    const Changes changes = compare_layers(path_of(layer.lower), layer.directory + "/upper");
+    for (const Place& place : places_) {
+      if (place.layer == number) {
+        add_shown(changes, place.mount, below(place.mount.root, layer.root), tree, all);
+      }
+    }
+  }
+  std::sort(all.removed.begin(), all.removed.end(),
             [](const Removal& a, const Removal& b) { return a.path < b.path; });
-  std::sort(changes.written.begin(), changes.written.end());
-  return changes;
+  std::sort(all.written.begin(), all.written.end());
+  return all;
 }
 
-void Image::look_inside() const {
-  if (mount("/proc", (root_ + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0 ||
-      chroot(root_.c_str()) != 0 || chdir("/") != 0) {
-    fail_to("look into the image");
+void Overlay::look_inside() const {
+  // Nobody minds that it is there already, if this is not the first look.
+  static_cast<void>(mount("/proc", (root_ + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr));
+  if (chroot(root_.c_str()) != 0 || chdir("/") != 0) {
+    fail_to("look into the overlay");
+  }
+}
+
+void Overlay::look_outside() const {
+  if (fchdir(host_.get()) != 0 || chroot(".") != 0) {
+    fail_to("look at the host again");
   }
 }
 

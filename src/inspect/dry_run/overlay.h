@@ -1,80 +1,100 @@
 #pragma once
 
-#include <stdexcept>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "inspect/dry_run/changes.h"
 #include "inspect/host/mounts.h"
-#include "inspect/report/report.h"
+#include "utils/descriptor.h"
 
 namespace valta::inspect {
 
-/// Says what was tried and what the host answered.
-class NotPossible : public std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-/// Throws `NotPossible`: `tried`, and what errno means.
-[[noreturn]] void fail_to(const std::string& tried);
-
-/// Puts this process into namespaces of its own for mounts, IPC, host name and network. Mounts made
-/// from now on are seen by nobody else, and the files of the host are read without touching their
-/// access times. Throws `NotPossible` when the kernel denies that.
-void leave_namespaces();
-
-/// A copy-on-write image of this host: every file system with files is the lower layer of an
+/// A copy-on-write overlay of this host: every file system with files is the lower layer of an
 /// overlay whose upper layer is in memory. Needs `leave_namespaces`; with the last process in these
 /// namespaces all of it is gone, however that process ends.
 ///
-/// /dev is a minimal one, the image's own, and holds `kToolDirectory`; /sys is read-only; the
+/// A file system that is mounted in several places has one layer, and shows each change in all of
+/// them. /dev is a minimal one of its own, and holds `kToolDirectory`; /sys is read-only; the
 /// sockets of systemd and of the bus are covered.
-class Image {
+class Overlay {
  public:
-  /// The place in the image for what stands in for the host's tools.
+  /// The place in the overlay for the stubs of the host's tools.
   static constexpr const char* kToolDirectory = "/dev/valta-driver-inspect";
 
-  /// What a run changed.
-  struct Changes {
-    std::vector<Removal> removed;      ///< what was in a removed directory, too
-    std::vector<std::string> written;  ///< new, or with another content, mode or owner
-  };
+  /// Throws `NotPossible`, above all where the root file system cannot be a lower layer, and
+  /// std::filesystem::filesystem_error when memory is full.
+  Overlay();
 
-  /// Throws `NotPossible`, above all where the root file system cannot be a lower layer.
-  Image();
-  ~Image();
-  Image(const Image&) = delete;
-  Image& operator=(const Image&) = delete;
-
-  /// Where this process sees the root directory of the image.
+  /// Where this process sees the root directory of the overlay.
   [[nodiscard]] const std::string& root() const { return root_; }
 
-  /// The mount points that cannot be lower layers. In the image they are read-only, or missing.
-  [[nodiscard]] const std::vector<std::string>& read_only() const { return read_only_; }
+  /// A path for a file of the name `name` in the memory of the overlay, out of its sight.
+  [[nodiscard]] std::string aside(const std::string& name) const { return scratch_ + "/" + name; }
 
-  /// Makes the image the root directory of this process, the first one of a new PID namespace, with
-  /// a read-only procfs whose list of modules is the plain file `modules` of `kToolDirectory`.
+  /// The directories and mount points where the overlay is not like the host: read-only, or without
+  /// what is there.
+  [[nodiscard]] const std::vector<std::string>& unlike_host() const { return unlike_host_; }
+
+  /// Makes the overlay the root directory of this process, the first one of a new PID namespace,
+  /// with a read-only procfs whose list of modules is the plain file `modules` of `kToolDirectory`.
+  /// Nobody there can make a user namespace. Throws `NotPossible`.
   void enter() const;
 
-  /// What has been changed in the image so far, sorted.
-  [[nodiscard]] Changes changes() const;
+  /// Whether no memory is left for it.
+  [[nodiscard]] bool is_full() const;
 
-  /// From now on this process sees the files of the image in the place of the host's, but for
-  /// /proc.
-  void look_inside() const;
-
- private:
-  struct Layer {
-    std::string point;  ///< on the host; empty for the root
-    int lower;          ///< the directory on the host
-    std::string upper;
+  struct WrittenFile {
+    std::string path;  ///< in its file system
+    std::uintmax_t size = 0;
   };
 
-  void add_layer(const Mount& mount, int lower);
-  void make_devices() const;
+  /// The largest file that has been written so far.
+  [[nodiscard]] WrittenFile largest_file() const;
 
+  /// What has been changed so far, sorted.
+  [[nodiscard]] Changes changes() const;
+
+  /// From now on this process sees the files of the overlay in the place of the host's, except
+  /// /proc. Throws `NotPossible`.
+  void look_inside() const;
+
+  /// From now on this process sees the files of the host again. Throws `NotPossible`.
+  void look_outside() const;
+
+ private:
+  /// An overlay file system, and the mount of the host that is its lower layer.
+  struct Layer {
+    std::string device;
+    std::string root;  ///< the path in the file system that it shows
+    Descriptor lower;
+    std::string directory;  ///< with its upper layer, and where it is mounted
+  };
+
+  /// A mount of the host, and what shows its files in the overlay.
+  struct Place {
+    Mount mount;
+    Descriptor directory;  ///< none of a place that is the lower layer of `layer`
+    std::optional<std::size_t> layer;
+  };
+
+  std::vector<Place> open_places();
+  void choose_layer(Place& place);
+  bool make_layer(Place& place);
+  void mount_place(const Place& place);
+  void make_devices() const;
+  void cover_sockets() const;
+
+  Descriptor host_;  ///< the root directory of the host
+  std::string scratch_;
   std::string root_;
+  std::vector<Mount> mounts_;
   std::vector<Layer> layers_;
-  std::vector<std::string> read_only_;
+  std::vector<Place> places_;  ///< parents before what is mounted on them
+  std::vector<std::string> unlike_host_;
 };
 
 }  // namespace valta::inspect

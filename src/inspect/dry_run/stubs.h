@@ -1,24 +1,35 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace valta::inspect {
 
-/// The tools that act on the kernel or on systemd, past any image of the host. In a rehearsal this
-/// program runs under their names and acts on plain files in `Image::kToolDirectory` instead:
-/// "modules", a list as /proc/modules, and "done", to which it adds a line for each thing that it
-/// did ("unloaded NAME", "disabled UNIT", "stopped UNIT", "refused UNIT").
-struct StandIn {
-  const char* name;
-  /// `arguments` without the name. Returns the exit status, after the messages of the real tool.
-  int (*run)(const std::vector<std::string>& arguments);
+/// The stubs of a dry run keep a list of modules in the file of this name in
+/// `Overlay::kToolDirectory`, as /proc/modules has it.
+inline constexpr const char* kModuleListFile = "modules";
+
+enum class ActionKind { unloaded, disabled, stopped, refused };
+
+/// What a stub did in the place of the host's tool.
+struct Action {
+  ActionKind kind;
+  std::string object;  ///< a module or a unit
 };
 
-/// The stand-in for the tool called `name`; null when there is none.
-[[nodiscard]] const StandIn* find_stand_in(const std::string& name);
+/// Runs as the stub called `name`, with `arguments` without that name, and returns the exit status,
+/// after the messages of the real tool; nothing when there is no such stub.
+///
+/// There are stubs of the tools that act on the kernel or on systemd, whatever a process may see of
+/// the host's files. They act on plain files of `Overlay::kToolDirectory` instead.
+[[nodiscard]] std::optional<int> run_as_stub(const std::string& name,
+                                             const std::vector<std::string>& arguments);
 
-/// The names of those that stand in for a tool which this host has.
-[[nodiscard]] std::vector<std::string> needed_stand_ins();
+/// The names of the stubs whose tool this host has.
+[[nodiscard]] std::vector<std::string> needed_stubs();
+
+/// What the stubs of the directory `tools` did, in order.
+[[nodiscard]] std::vector<Action> read_actions(const std::string& tools);
 
 }  // namespace valta::inspect

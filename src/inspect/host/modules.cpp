@@ -4,7 +4,9 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "utils/files.h"
+#include "installer/driver_installer.h"
+#include "installer/remove_driver.h"
+#include "utils/regular_file.h"
 #include "utils/text.h"
 
 namespace valta::inspect {
@@ -20,9 +22,15 @@ std::string with_underscores(std::string_view name) {
 
 }  // namespace
 
+std::vector<std::string> stack_modules() {
+  std::vector<std::string> names(kDriverNames.begin(), kDriverNames.end());
+  names.insert(names.end(), {kCompanion, kPeerMemoryCompanion});
+  return names;
+}
+
 std::string loaded_modules() {
   std::string text;
-  read_file("/proc/modules", text);
+  read_regular_file("/proc/modules", text);
   return text;
 }
 

@@ -16,6 +16,9 @@ struct Module {
   std::string rest;                ///< state and address
 };
 
+/// The names of the driver's modules and of their companions.
+[[nodiscard]] std::vector<std::string> stack_modules();
+
 /// The text of /proc/modules; empty where a kernel loads no modules.
 [[nodiscard]] std::string loaded_modules();
 

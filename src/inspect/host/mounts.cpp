@@ -4,10 +4,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdlib>
+#include <set>
 #include <sys/mount.h>
-#include <utility>
 
-#include "utils/files.h"
+#include "utils/paths.h"
+#include "utils/regular_file.h"
 #include "utils/text.h"
 
 namespace valta::inspect {
@@ -22,6 +23,12 @@ constexpr std::array<std::string_view, 19> kKernelTypes = {
 constexpr std::array<std::pair<std::string_view, unsigned long>, 4> kFlags = {
     {{"ro", MS_RDONLY}, {"nosuid", MS_NOSUID}, {"nodev", MS_NODEV}, {"noexec", MS_NOEXEC}}};
 
+// The fields of a line. After the last one and some that vary come "-", the type, the source and
+// the options of the file system.
+constexpr std::size_t kId = 0;
+constexpr std::size_t kParent = 1;
+constexpr std::size_t kDevice = 2;
+constexpr std::size_t kRoot = 3;
 constexpr std::size_t kPoint = 4;
 constexpr std::size_t kOptions = 5;
 
@@ -51,24 +58,12 @@ std::string unescape(std::string_view field) {
   return text;
 }
 
-bool is_below(std::string_view path, std::string_view directory) {
-  return path.starts_with(directory) &&
-         (path.size() == directory.size() || path[directory.size()] == '/');
-}
-
 }  // namespace
 
 std::vector<Mount> read_mounts() {
   std::string text;
-  read_file("/proc/self/mountinfo", text);
+  read_regular_file("/proc/self/mountinfo", text);
   return parse_mountinfo(text);
-}
-
-int mount_of(int descriptor) {
-  std::string text;
-  read_file("/proc/self/fdinfo/" + std::to_string(descriptor), text);
-  const auto number = value_after(text, "mnt_id:");
-  return number ? std::atoi(number->c_str()) : -1;
 }
 
 std::vector<Mount> parse_mountinfo(std::string_view text) {
@@ -80,11 +75,11 @@ std::vector<Mount> parse_mountinfo(std::string_view text) {
     if (fields.size() <= kOptions || fields.end() - dash < 4) {
       continue;
     }
-    mounts.push_back({std::atoi(fields[0].c_str()), unescape(fields[kPoint]), *(dash + 1),
+    mounts.push_back({std::atoi(fields[kId].c_str()), std::atoi(fields[kParent].c_str()),
+                      fields[kDevice], unescape(fields[kRoot]), unescape(fields[kPoint]),
+                      *(dash + 1),
                       flags_of(fields[kOptions]) | (flags_of(*(dash + 3)) & MS_RDONLY)});
   }
-  std::stable_sort(mounts.begin(), mounts.end(),
-                   [](const Mount& a, const Mount& b) { return a.point < b.point; });
   return mounts;
 }
 
@@ -92,6 +87,39 @@ bool holds_files(const Mount& mount) {
   return std::find(kKernelTypes.begin(), kKernelTypes.end(), mount.type) == kKernelTypes.end() &&
          !is_below(mount.point, "/proc") && !is_below(mount.point, "/sys") &&
          !is_below(mount.point, "/dev");
+}
+
+MountTree::MountTree(const std::vector<Mount>& mounts) {
+  std::set<int> ids;
+  for (const Mount& mount : mounts) {
+    ids.insert(mount.id);
+    by_place_[{mount.parent, mount.point}] = &mount;
+  }
+  for (const Mount& mount : mounts) {
+    if (mount.point == "/" && !ids.contains(mount.parent)) {
+      root_ = on(&mount, "/");
+    }
+  }
+}
+
+const Mount* MountTree::on(const Mount* below, const std::string& point) const {
+  for (auto next = by_place_.find({below->id, point});
+       next != by_place_.end() && next->second != below;
+       next = by_place_.find({below->id, point})) {
+    below = next->second;
+  }
+  return below;
+}
+
+const Mount* MountTree::showing(const std::string& path) const {
+  const Mount* mount = root_;
+  for (std::size_t end = path.find('/', 1); mount != nullptr; end = path.find('/', end + 1)) {
+    mount = on(mount, path.substr(0, end));
+    if (end == std::string::npos) {
+      break;
+    }
+  }
+  return mount;
 }
 
 }  // namespace valta::inspect

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace valta::inspect {
@@ -9,22 +11,42 @@ namespace valta::inspect {
 /// A mount that this process sees.
 struct Mount {
   int id = 0;               ///< the kernel's number for it
+  int parent = 0;           ///< that of the mount that it is on
+  std::string device;       ///< of the file system, as "8:1"
+  std::string root;         ///< the path in the file system that it shows
   std::string point;        ///< absolute path
   std::string type;         ///< of the file system, as in /proc/filesystems
   unsigned long flags = 0;  ///< of mount(2): read-only, nosuid, nodev, noexec
 };
 
-/// The mounts of /proc/self/mountinfo, parents before what is mounted below them. Some may be
-/// hidden by others.
+/// The mounts of /proc/self/mountinfo, in its order. Some may be hidden by others.
 [[nodiscard]] std::vector<Mount> read_mounts();
-
-/// The number of the mount that the open file `descriptor` is on; -1 when the kernel does not tell.
-[[nodiscard]] int mount_of(int descriptor);
 
 /// The same for the text of such a file. Lines that are not understood are left out.
 [[nodiscard]] std::vector<Mount> parse_mountinfo(std::string_view text);
 
 /// Whether `mount` holds files that a run could come to delete, and not the kernel's own.
 [[nodiscard]] bool holds_files(const Mount& mount);
+
+/// Finds mounts as the kernel does when it walks a path.
+class MountTree {
+ public:
+  /// `mounts` must outlive the tree.
+  explicit MountTree(const std::vector<Mount>& mounts);
+
+  /// The mount that shows what is at `path`, which is absolute and has no links; null when the root
+  /// directory is no mount.
+  [[nodiscard]] const Mount* showing(const std::string& path) const;
+
+  /// Whether no other mount hides `mount`.
+  [[nodiscard]] bool shows(const Mount& mount) const { return showing(mount.point) == &mount; }
+
+ private:
+  /// The mount on top of those that are at `point` on `below`.
+  [[nodiscard]] const Mount* on(const Mount* below, const std::string& point) const;
+
+  std::map<std::pair<int, std::string>, const Mount*> by_place_;  ///< parent and point
+  const Mount* root_ = nullptr;
+};
 
 }  // namespace valta::inspect

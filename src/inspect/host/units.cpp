@@ -7,8 +7,10 @@
 #include <string_view>
 #include <strings.h>
 
-#include "inspect/host/installation.h"
+#include "uninstall/unit_name.h"
 #include "utils/files.h"
+#include "utils/listing.h"
+#include "utils/regular_file.h"
 #include "utils/text.h"
 
 namespace valta::inspect {
@@ -48,7 +50,7 @@ std::vector<std::string> files_called(const std::string& name) {
 void read_refusal(const std::string& file, bool& refuses) {
   constexpr std::string_view key = "RefuseManualStop=";
   std::string text;
-  read_file(file, text);
+  read_regular_file(file, text);
   for (std::string line : split(text, '\n')) {
     std::erase_if(line, [](char c) { return c == ' ' || c == '\t'; });
     if (line.starts_with(key)) {
@@ -61,8 +63,7 @@ void read_refusal(const std::string& file, bool& refuses) {
 
 /// The name of the template of an instance; `name` itself for any other unit.
 std::string template_of(const std::string& name) {
-  const auto at = name.find('@');
-  return at == std::string::npos ? name : name.substr(0, at + 1) + name.substr(name.rfind('.'));
+  return is_of_template(name) ? template_prefix(name) + "@" + name.substr(name.rfind('.')) : name;
 }
 
 }  // namespace

@@ -5,13 +5,6 @@
 
 namespace valta::inspect {
 
-// What systemctl ends with: for a unit that it tells the status of, and for what it refuses.
-inline constexpr int kActive = 0;
-inline constexpr int kMisused = 1;
-inline constexpr int kInactive = 3;
-inline constexpr int kUnknown = 4;
-inline constexpr int kNotLoaded = 5;
-
 /// `unit` with ".service" behind it if it names no kind of unit itself.
 [[nodiscard]] std::string full_unit_name(const std::string& unit);
 

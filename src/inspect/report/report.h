@@ -1,11 +1,15 @@
 #pragma once
 
-#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "inspect/report/finding_table.h"
+
 namespace valta::inspect {
+
+/// What the program was asked for.
+enum class Command { before, after };
 
 /// What a run comes to, the good ones first.
 enum class Outcome {
@@ -20,78 +24,119 @@ enum class Outcome {
   unknown,       ///< there is nothing to judge by
 };
 
-/// "1 file", "2 files", "2 directories".
-[[nodiscard]] std::string counted(std::size_t count, const std::string& thing);
-
-/// The word for `outcome` in every output, without blanks.
-[[nodiscard]] const char* name_of(Outcome outcome);
-
-enum class Severity {
-  blocks,  ///< a run does not succeed, or not wholly
-  keeps,   ///< something stays that a run could have removed
-  note,    ///< worth knowing
-};
-
 /// One thing to know about the host or the run, and what to do about it.
 struct Finding {
-  const char* id;  ///< for programs: it does not change with the words
+  FindingId id;
   Severity severity;
-  std::string text;     ///< a sentence
-  std::string where;    ///< a path or a name; may be empty
-  std::string command;  ///< what to type next; may be empty
+  std::string text;   ///< a sentence
+  std::string where;  ///< a path or a name; may be empty
+  std::string next;   ///< a command to type, of the kind that the table has for `id`; may be empty
 };
+
+enum class FileKind { file, link, directory, other };
 
 /// A file system object that is gone.
 struct Removal {
   std::string path;
-  const char* kind;  ///< "file", "link", "directory" or "other"
+  FileKind kind;
+  bool is_listed = false;  ///< in the manifest, or as the file of a unit of it
 };
 
-/// A path of the manifest that stays, and why: "changed", "toolkit", "program", "not-compared",
-/// "not-empty" or "left".
+/// Why a path of the manifest stays.
+enum class KeptReason {
+  changed,
+  toolkit,
+  program,
+  not_compared,
+  not_empty,
+  left,  ///< the run gave no reason
+};
+
 struct Kept {
   std::string path;
-  const char* reason;
+  KeptReason reason;
 };
 
-/// A name, of a unit or of a version, and how it stands.
-struct State {
-  std::string name;
-  std::string state;
+/// What a dry run did with a unit, or what systemd says of it afterwards.
+enum class UnitState { disabled, stopped, refused, active, known, unknown, untold };
+
+struct Service {
+  std::string unit;
+  UnitState state;
+};
+
+/// What DKMS has left of a version.
+enum class DkmsState { registered, sources };
+
+struct DkmsVersion {
+  std::string version;
+  DkmsState state;
+};
+
+/// What a run could not do, by its messages.
+enum class FailureKind {
+  removal,        ///< a path could not be deleted
+  configuration,  ///< the same for a configuration path
+  directory,      ///< a DIR entry could not be looked at
+  unit,           ///< systemd still knows it
+  dkms,           ///< `dkms remove` of a version failed
+  dkms_sources,   ///< the sources of a version could not be deleted
+  entry_type,     ///< of the manifest, not known
+  manifest,       ///< an entry of it stopped the run
+  module,         ///< `rmmod` failed
+  depmod,
+};
+
+struct Failure {
+  FailureKind kind;
+  std::string object;  ///< the path, unit, version, type or module
+  std::string words;   ///< of the tool or the library that failed; may be empty
 };
 
 /// All that one call of the program has to say.
 struct Report {
-  const char* verb = "";
+  Command command = Command::before;
   Outcome outcome = Outcome::unknown;
   std::string reason;         ///< a sentence; may be empty
   std::optional<int> status;  ///< what the run ended with, or would end with
   std::string console;        ///< the run's standard error
   std::string output;         ///< the run's standard output
   std::string log;
+  std::vector<Failure> failures;
   std::vector<Removal> removed;
   std::vector<std::string> written;
   std::vector<Kept> kept;
   std::vector<std::string> unloaded;
-  std::vector<State> services;
-  std::vector<State> dkms;
+  std::vector<Service> services;
+  std::vector<DkmsVersion> dkms;
   std::vector<Finding> findings;
   double seconds = 0;
 
-  void add(const char* id, Severity severity, std::string text, std::string where = "",
-           std::string command = "");
+  /// Adds a finding, unless it is there already, with the severity that the table has for it.
+  void add(FindingId id, std::string text, std::string where = "", std::string next = "");
+  /// The same for one whose severity depends on the host.
+  void add(FindingId id, Severity severity, std::string text, std::string where = "",
+           std::string next = "");
 };
+
+// The words for these in every output.
+[[nodiscard]] const char* name_of(Command command);
+[[nodiscard]] const char* name_of(Outcome outcome);
+[[nodiscard]] const char* name_of(Severity severity);
+[[nodiscard]] const char* name_of(StepKind kind);
+[[nodiscard]] const char* name_of(FileKind kind);
+[[nodiscard]] const char* name_of(KeptReason reason);
+[[nodiscard]] const char* name_of(UnitState state);
+[[nodiscard]] const char* name_of(DkmsState state);
+
+/// Whether `report` has a finding `id`.
+[[nodiscard]] bool has_finding(const Report& report, FindingId id);
+
+/// Whether a run with this outcome succeeds, with or without something that stays.
+[[nodiscard]] bool succeeds(Outcome outcome);
 
 /// The exit status for `report`: 0, 1 for a run that succeeds and keeps something, 2 for one that
 /// does not succeed, 3 when there was nothing to judge by. Of a run to come, findings decide, too.
 [[nodiscard]] int exit_status(const Report& report);
-
-/// Prints `report` for programs: one JSON object, in ASCII, with a line end. Bytes that are not
-/// UTF-8 become U+FFFD.
-void print_json(const Report& report);
-
-/// Prints `report` for people, 80 columns wide. What is many is counted, and listed when `verbose`.
-/// Control characters, which a path may hold, are shown as "?".
-void print_text(const Report& report, bool verbose);
 
 }  // namespace valta::inspect

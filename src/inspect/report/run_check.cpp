@@ -5,20 +5,20 @@
 #include <map>
 #include <set>
 #include <string_view>
+#include <utility>
 
+#include "inspect/report/failures.h"
+#include "inspect/report/log_lines.h"
+#include "inspect/report/run_messages.h"
 #include "log/log.h"
+#include "uninstall/manifest.h"
 #include "uninstall/result_code.h"
 #include "utils/text.h"
 
 namespace valta::inspect {
-namespace {
+using namespace messages;
 
-constexpr std::string_view kError = "Error: ";
-constexpr std::string_view kRemovalFailed = "Error: failed in removing.";
-constexpr std::string_view kSucceeded = "Successfully uninstall driver.";
-constexpr std::string_view kFailed = "Driver uninstall failed.";
-constexpr std::string_view kLoaded = " installed. Uninstall...";
-constexpr std::string_view kUnloaded = "Successful to uninstall driver ";
+namespace {
 
 /// Statuses of a program, or of the shell in its place, that did not come to do anything.
 const std::map<int, const char*> kNeverStarted = {
@@ -29,18 +29,6 @@ const std::map<int, const char*> kNeverStarted = {
     {255, "it was not run as root"},
 };
 
-const std::map<int, const char*> kMeanings = {
-    {static_cast<int>(ResultCode::dkms_failed), "DKMS keeps a version or its sources"},
-    {static_cast<int>(ResultCode::file_failed), "a file could not be deleted"},
-    {static_cast<int>(ResultCode::link_failed), "a link could not be deleted"},
-    {static_cast<int>(ResultCode::shared_link_failed), "a shared link could not be deleted"},
-    {static_cast<int>(ResultCode::service_remains), "systemd still knows a service"},
-};
-
-bool contains(std::string_view text, std::string_view part) {
-  return text.find(part) != std::string_view::npos;
-}
-
 std::size_t count(std::string_view text, std::string_view part) {
   std::size_t found = 0;
   for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1)) {
@@ -49,44 +37,37 @@ std::size_t count(std::string_view text, std::string_view part) {
   return found;
 }
 
-/// What stands between `before` and `after` in the lines that have both, each once. Some messages
-/// lack their line end, so neither has to stand at an end of its line.
+/// What stands between `before` and `after` in the lines that have both, each once.
 std::vector<std::string> all_between(const std::vector<std::string>& lines, std::string_view before,
                                      std::string_view after) {
   std::vector<std::string> found;
   std::set<std::string> seen;
   for (const std::string& line : lines) {
-    const auto start = line.find(before);
-    const auto end = start == std::string::npos ? start : line.rfind(after);
-    if (end == std::string::npos || end < start + before.size()) {
-      continue;
-    }
-    std::string text = line.substr(start + before.size(), end - start - before.size());
-    if (seen.insert(text).second) {
-      found.push_back(std::move(text));
+    if (auto text = text_between(line, before, after); text && seen.insert(*text).second) {
+      found.push_back(*std::move(text));
     }
   }
   return found;
 }
 
 void take_paths(const std::vector<std::string>& lines, Report& report) {
-  for (auto& path : all_between(lines, "Uninstall: ", " Succeed.")) {
-    report.removed.push_back({std::move(path), "other"});
+  for (auto& path : all_between(lines, kUninstall, kRemoved)) {
+    report.removed.push_back({std::move(path), FileKind::other, true});
   }
   for (auto& module : all_between(lines, kUnloaded, ".")) {
     report.unloaded.push_back(std::move(module));
   }
-  const auto keep = [&](std::string_view before, std::string_view after, const char* reason) {
+  const auto keep = [&](std::string_view before, std::string_view after, KeptReason reason) {
     for (auto& path : all_between(lines, before, after)) {
       report.kept.push_back({std::move(path), reason});
     }
   };
-  keep("Uninstall: md5sum of ", " has changed. Skipping.", "changed");
-  keep("", "'s md5 mismatch, skip remove.", "changed");
-  keep("Toolkit not uninstalled. Skipping remove ", ".", "toolkit");
-  keep("Driver not uninstalled. Skipping remove ", ".", "program");
-  keep("Uninstall: md5sum of ", " is empty. Skipping.", "not-compared");
-  keep("Uninstall: ", " not empty skip.", "not-empty");
+  keep(kDigestOf, kChanged, KeptReason::changed);
+  keep("", kUnitChanged, KeptReason::changed);
+  keep(kToolkitKeeps, ".", KeptReason::toolkit);
+  keep(kProgramKeeps, ".", KeptReason::program);
+  keep(kDigestOf, kNoDigest, KeptReason::not_compared);
+  keep(kUninstall, kNotEmpty, KeptReason::not_empty);
 }
 
 /// The line of `lines` that `fits`, without what stands in front of its message; empty for none.
@@ -96,30 +77,29 @@ std::string message_of(const std::vector<std::string>& lines, const Fits& fits) 
   if (found == lines.end()) {
     return "";
   }
-  const auto prefix = found->find(": ");
-  const bool has_prefix = found->starts_with("Error: ") || found->starts_with("Warning: ");
-  return has_prefix ? found->substr(found->find_first_not_of(' ', prefix + 1)) : *found;
+  for (const std::string_view level : {kError, kWarning}) {
+    if (found->starts_with(level)) {
+      return found->substr(found->find_first_not_of(' ', level.size()));
+    }
+  }
+  return *found;
 }
 
-/// What went wrong: said past the log, above "failed in removing.", or in the first error.
-std::string first_error(const std::vector<std::string>& lines, const Evidence& evidence) {
-  const std::vector<std::string> shown = split(evidence.output + evidence.console, '\n');
-  const auto removing = std::find(lines.begin(), lines.end(), kRemovalFailed);
-  if (removing != lines.begin() && removing != lines.end()) {
-    const std::string past_log = message_of(shown, [](const auto& line) {
-      return contains(line, "'s handler is not found.") || contains(line, "Error happened in ");
-    });
-    return past_log.empty() ? message_of({*(removing - 1)}, [](const auto&) { return true; })
-                            : past_log;
+/// What went wrong: what the run failed at, or its first error.
+std::string first_error(const std::vector<std::string>& lines, const RunRecord& run,
+                        const Report& report) {
+  if (!report.failures.empty()) {
+    return describe(report.failures.front());
   }
   std::string error = message_of(lines, [](const auto& line) { return contains(line, kError); });
   if (!error.empty()) {
     return error;
   }
+  const std::vector<std::string> shown = split(run.output + run.console, '\n');
   return shown.empty() ? "it gave no reason" : shown.back();
 }
 
-bool has_kept(const Report& report, std::string_view reason) {
+bool has_kept(const Report& report, KeptReason reason) {
   return std::any_of(report.kept.begin(), report.kept.end(),
                      [&](const Kept& kept) { return kept.reason == reason; });
 }
@@ -130,9 +110,9 @@ struct Verdict {
 };
 
 /// A run that ended well by its own account.
-Verdict judge_success(const Evidence& evidence, const std::string& log,
+Verdict check_success(const RunRecord& run, const std::string& log,
                       const std::vector<std::string>& lines, const Report& report) {
-  const std::string error = first_error(lines, evidence);
+  const std::string error = first_error(lines, run, report);
   if (contains(log, kRemovalFailed)) {
     return {Outcome::failed, "not everything was removed; " + error};
   }
@@ -145,76 +125,85 @@ Verdict judge_success(const Evidence& evidence, const std::string& log,
     return {Outcome::failed,
             "the driver was gone before the run unloaded it, its files stay; run it once more"};
   }
-  if (const auto caught = all_between(lines, "Warning: catched ", ""); !caught.empty()) {
+  if (const auto caught = all_between(lines, kDirectoryFailed, ""); !caught.empty()) {
     return {Outcome::failed, "a directory could not be removed: " + caught.front()};
   }
-  if (has_kept(report, "not-compared")) {
-    return {Outcome::failed, "files were kept as their md5sum could not be had"};
+  if (has_kept(report, KeptReason::not_compared) && !run.has_md5sum) {
+    return {Outcome::failed, "without md5sum no file could be compared"};
   }
-  const bool in_container = contains(log, "in side docker");
-  if (!evidence.registrations.empty() && !in_container) {
-    return {Outcome::failed, "DKMS keeps " + evidence.registrations.front()};
+  const bool in_container = contains(log, kInContainer);
+  if (!run.registrations.empty() && !in_container) {
+    return {Outcome::failed, "DKMS keeps " + run.registrations.front()};
   }
-  if (contains(log, "parse uninstall manifest error.") && (unloaded > 0 || evidence.installed)) {
+  if (std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+        return (contains(line, kFailedToRead) || contains(line, kFailedToOpen)) &&
+               contains(line, kUninstallManifestPath);
+      })) {
+    return {Outcome::failed, "the manifest cannot be read, so files, links and services are left"};
+  }
+  if (contains(log, kNoManifest) && (unloaded > 0 || run.installed)) {
     return {Outcome::failed, "no manifest, so the files have to be removed by hand"};
   }
   const std::string note = in_container ? "in a container: services and DKMS were left alone" : "";
-  if (has_kept(report, "changed")) {
+  if (has_kept(report, KeptReason::changed) || has_kept(report, KeptReason::not_compared)) {
     return {Outcome::kept, note};
   }
-  if (has_kept(report, "toolkit") || has_kept(report, "program")) {
+  if (has_kept(report, KeptReason::toolkit) || has_kept(report, KeptReason::program)) {
     return {Outcome::shared, note};
   }
   return {report.removed.empty() && unloaded == 0 ? Outcome::clean : Outcome::done, note};
 }
 
-Verdict judge_run(const Evidence& evidence, const std::vector<std::string>& lines,
-                  const Report& report) {
-  const int status = evidence.status.value_or(0);
+Verdict check_by_log(const RunRecord& run, const std::vector<std::string>& lines,
+                     const Report& report) {
+  const int status = run.status.value_or(0);
   if (const auto never = kNeverStarted.find(status); never != kNeverStarted.end()) {
     return {Outcome::nothing_done, never->second};
   }
-  if (!evidence.log) {
+  if (!run.log) {
     return {Outcome::unknown, "there is no log of a run"};
   }
-  const std::string& log = *evidence.log;
-  if (lines.empty() ||
-      !lines.back().ends_with(std::string("Driver uninstall log is in ") + kLogPath)) {
+  const std::string& log = *run.log;
+  // A second run empties the log while the first one goes on writing where it was.
+  if (has_nul(log) || count(log, kDriverPrefix) > 1) {
+    return {Outcome::unknown, "two runs have written to the log at once"};
+  }
+  if (lines.empty() || !lines.back().ends_with(std::string(kClosing) + kLogPath)) {
     return {Outcome::unfinished,
             "the log has no closing line: the run goes on, was cut off, or had no room to log"};
   }
-  if (contains(log, "Error: Check utils failed.")) {
-    return {Outcome::nothing_done, first_error(lines, evidence)};
+  if (contains(log, kUtilitiesMissing)) {
+    return {Outcome::nothing_done, first_error(lines, run, report)};
   }
   const bool succeeded = contains(log, kSucceeded);
-  if (evidence.status && succeeded != (status == 0)) {
+  if (run.status && succeeded != (status == 0)) {
     return {Outcome::unknown, "the log is of another run than the status"};
   }
-  if (contains(evidence.console, succeeded ? kFailed : kSucceeded)) {
+  if (contains(run.console, succeeded ? kFailed : kSucceeded)) {
     return {Outcome::unknown, "the log is of another run than the console"};
   }
   if (succeeded) {
-    return judge_success(evidence, log, lines, report);
+    return check_success(run, log, lines, report);
   }
-  const std::string error = first_error(lines, evidence);
+  const std::string error = first_error(lines, run, report);
   if (status == static_cast<int>(ResultCode::module_busy) ||
-      (!evidence.status && contains(error, "busy. The packaged driver"))) {
+      (!run.status && contains(log, kBusy))) {
     return {Outcome::busy, error};
   }
-  const auto meaning = kMeanings.find(status);
-  return {Outcome::failed, meaning == kMeanings.end() ? error : meaning->second + ("; " + error)};
+  return {Outcome::failed, error};
 }
 
 }  // namespace
 
-void judge(const Evidence& evidence, Report& report) {
-  const std::vector<std::string> lines = split(evidence.log.value_or(""), '\n');
-  report.status = evidence.status;
-  report.console = evidence.console;
-  report.output = evidence.output;
-  report.log = evidence.log.value_or("");
+void check_run(const RunRecord& run, Report& report) {
+  const std::vector<std::string> lines = split(run.log.value_or(""), '\n');
+  report.status = run.status;
+  report.console = run.console;
+  report.output = run.output;
+  report.log = run.log.value_or("");
+  report.failures = failures_of(lines, run.output + run.console);
   take_paths(lines, report);
-  auto [outcome, reason] = judge_run(evidence, lines, report);
+  auto [outcome, reason] = check_by_log(run, lines, report);
   report.outcome = outcome;
   report.reason = std::move(reason);
 }
@@ -223,6 +212,8 @@ bool came_to_the_manifest(const Report& report) {
   const bool worked = report.outcome <= Outcome::shared || report.outcome == Outcome::failed;
   return worked && (contains(report.log, kUnloaded) || !contains(report.log, kLoaded));
 }
+
+bool in_container(const Report& report) { return contains(report.log, kInContainer); }
 
 bool ended_in_the_manifest(const Report& report) { return contains(report.log, kRemovalFailed); }
 

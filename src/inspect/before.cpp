@@ -1,0 +1,160 @@
+#include "inspect/before.h"
+
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <unistd.h>
+#include <utility>
+
+#include "inspect/dry_run/dry_run.h"
+#include "inspect/dry_run/limits.h"
+#include "inspect/dry_run/namespaces.h"
+#include "inspect/findings/findings.h"
+#include "inspect/host/dkms.h"
+#include "inspect/host/modules.h"
+#include "inspect/host/run_log.h"
+#include "inspect/report/run_check.h"
+#include "uninstall/manifest_handlers.h"
+#include "uninstall/unit_name.h"
+#include "utils/files.h"
+#include "utils/progress.h"
+#include "utils/search_path.h"
+
+namespace valta::inspect {
+namespace {
+
+UnitState state_after(ActionKind kind) {
+  switch (kind) {
+    case ActionKind::disabled:
+      return UnitState::disabled;
+    case ActionKind::stopped:
+      return UnitState::stopped;
+    default:
+      return UnitState::refused;
+  }
+}
+
+void report_actions(const DryRun& run, Report& report) {
+  report.unloaded.clear();
+  for (const Action& action : run.actions) {
+    if (action.kind == ActionKind::unloaded) {
+      report.unloaded.push_back(action.object);
+    } else {
+      report.services.push_back({action.object, state_after(action.kind)});
+    }
+  }
+}
+
+/// What comes of the run, as the files of the overlay show it.
+void check_inside(const DryRun& run,
+                  const std::pair<std::int64_t, std::int64_t>& time_of_earlier_log,
+                  const Installation& installation, Report& report) {
+  const bool has_log = time_of_log() != time_of_earlier_log;
+  check_run(
+      {run.status, run.console, run.output, has_log ? read_log() : std::nullopt,
+       dkms_registrations(), path_exists(installation.root), find_in_path_executable("md5sum")},
+      report);
+  settle_kept(installation, report);
+  // What a run leaves that stops on its way is left for the next one.
+  if (came_to_the_manifest(report) && !ended_in_the_manifest(report)) {
+    look_at_remains(installation, report);
+  }
+}
+
+/// Tells what the manifest names of what is removed, which has no links in its path.
+void mark_listed(const Installation& installation, Report& report) {
+  std::set<std::string> listed;
+  for (const ManifestEntry& entry : installation.entries) {
+    const bool is_unit = target_of(entry.type) == EntryTarget::unit;
+    const std::filesystem::path path = is_unit ? unit_file_path(entry.path) : entry.path;
+    std::error_code ignored;
+    listed.insert(std::filesystem::weakly_canonical(path.parent_path(), ignored) / path.filename());
+  }
+  for (Removal& removal : report.removed) {
+    removal.is_listed = listed.contains(removal.path);
+  }
+}
+
+/// What the run would do.
+void predict(const std::string& program, int timeout, const Installation& installation,
+             const std::vector<std::string>& detached, Report& report) {
+  const auto time_of_earlier_log = time_of_log();
+  const std::string full_log = full_log_directory();
+  begin_step("Making an overlay of the host");
+  const Overlay overlay;
+  begin_step("Running the uninstaller in the overlay");
+  const DryRun run = dry_run(overlay, program, timeout);
+  begin_step("Looking at what it changed");
+  Changes changes = overlay.changes();
+
+  overlay.look_inside();
+  check_inside(run, time_of_earlier_log, installation, report);
+  overlay.look_outside();
+  report.removed = std::move(changes.removed);
+  mark_listed(installation, report);
+  report.written = std::move(changes.written);
+  report_actions(run, report);
+  if (!run.status) {
+    look_at_hanging(run.hung_on, timeout, report);
+  } else if (report.outcome == Outcome::clean && !report.removed.empty()) {
+    report.outcome = Outcome::done;  // configuration, which the log does not mention
+  } else if (report.outcome == Outcome::nothing_done && run.status == 1) {
+    look_at_refused_log(report);
+  }
+  std::vector<std::string> unlike_host = overlay.unlike_host();
+  unlike_host.insert(unlike_host.end(), detached.begin(), detached.end());
+  look_at_uncertainty(unlike_host, installation, report);
+  look_at_module_users(run.modules, installation, report);
+  look_at_failures(report);
+  look_at_unseen(installation, report);
+  if (!full_log.empty() && !report.log.empty()) {  // in the overlay, whose memory has room for it
+    report.outcome = Outcome::unfinished;
+    report.reason = "the run does its work, but the file system of its log is full";
+    report.log.clear();
+  }
+}
+
+/// Whether this process now sees the host as a dry run needs it; if not, the report says why.
+bool prepare_view(std::vector<std::string>& detached, Report& report) {
+  if (geteuid() != 0) {
+    report.reason = "a rehearsal takes root";
+    return false;
+  }
+  raise_limits();
+  try {
+    detached = leave_namespaces();
+    return true;
+  } catch (const NotPossible& problem) {
+    report.reason = problem.what();
+    return false;
+  }
+}
+
+}  // namespace
+
+Report before(const std::string& program, int timeout) {
+  Report report;
+  report.command = Command::before;
+  begin_step("Looking at the host");
+  // First of all: from then on looks change nothing, and wait for nobody.
+  std::vector<std::string> detached;
+  const bool prepared = prepare_view(detached, report);
+  const Installation installation = read_installation();
+  look_at_obstacles(installation, report);
+  look_at_surroundings(installation, report);
+  try {
+    if (prepared) {
+      predict(program, timeout, installation, detached, report);
+      return report;
+    }
+  } catch (const std::exception& problem) {
+    report.outcome = Outcome::unknown;
+    report.reason = problem.what();
+  }
+  look_at_module_users(loaded_modules(), installation, report);
+  return report;
+}
+
+}  // namespace valta::inspect

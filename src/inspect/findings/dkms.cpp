@@ -1,0 +1,96 @@
+#include "inspect/host/dkms.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "inspect/findings/looks.h"
+#include "inspect/host/modules.h"
+#include "inspect/report/run_check.h"
+#include "uninstall/dkms.h"
+#include "utils/files.h"
+#include "utils/listing.h"
+#include "utils/shell.h"
+#include "utils/text.h"
+
+namespace valta::inspect {
+namespace {
+
+/// The kernel release in the path of a module.
+std::string kernel_of(const std::string& path) {
+  const std::string release = path.substr(path.find("/modules/") + 9);
+  return release.substr(0, release.find('/'));
+}
+
+bool has_sources(const std::string& version) { return is_directory(version + "/source"); }
+
+void look_at_broken_version(const std::string& version, Report& report) {
+  report.add("dkms-broken",
+             "DKMS has valta/" + last_component(version) +
+                 " without its sources, so dkms cannot remove it.",
+             version, shell_command("rm -r %", {version}));
+}
+
+}  // namespace
+
+void look_at_dkms_versions(const Installation& installation, Report& report) {
+  const std::string tree = dkms_trees().front();
+  for (const std::string& version : installation.registrations) {
+    const std::string name = "valta/" + last_component(version);
+    if (!has_sources(version)) {
+      look_at_broken_version(version, report);
+    } else if (!version.starts_with(tree + "/")) {
+      report.add("dkms-tree", "DKMS has " + name + ", and a run looks for it in " + tree + ".",
+                 version, shell_command("dkms remove % --all", {name}));
+    }
+  }
+}
+
+void look_at_dkms_remains(Report& report) {
+  if (in_container(report)) {
+    return;  // left to the host
+  }
+  std::vector<std::string> registered;
+  for (const std::string& version : dkms_registrations()) {
+    const std::string name = last_component(version);
+    registered.push_back(name);
+    report.dkms.push_back({name, DkmsState::registered});
+    if (!has_sources(version)) {
+      look_at_broken_version(version, report);
+      continue;
+    }
+    if (std::any_of(report.findings.begin(), report.findings.end(),
+                    [&](const Finding& finding) { return finding.where == version; })) {
+      continue;  // before the run it was told that the run does not look there
+    }
+    const std::string sources = kDkmsSourcePrefix + name;
+    report.add("dkms-registered", "DKMS still has valta/" + name + ".", version,
+               shell_command("dkms remove % --all", {"valta/" + name}) +
+                   (is_directory(sources) ? shell_command(" && rm -r %", {sources}) : ""));
+  }
+  for (const std::string& name : names_in("/usr/src")) {
+    const std::string path = "/usr/src/" + name;
+    const std::string version =
+        path.starts_with(kDkmsSourcePrefix) ? path.substr(kDkmsSourcePrefix.size()) : "";
+    if (version.empty()) {
+      continue;
+    }
+    report.dkms.push_back({version, DkmsState::sources});
+    if (std::find(registered.begin(), registered.end(), version) == registered.end()) {
+      report.add("dkms-sources", "The DKMS sources in " + path + " are left.", path,
+                 shell_command("rm -r %", {path}));
+    }
+  }
+  const std::vector<std::string> names = stack_modules();
+  for (const std::string& path : paths_below("/lib/modules/")) {
+    const std::string file = last_component(path);
+    const std::string name = file.substr(0, file.find('.'));
+    if (file.find(".ko") != std::string::npos &&
+        std::find(names.begin(), names.end(), name) != names.end()) {
+      report.add("module-built", "The built module " + path + " is left.", path,
+                 shell_command("rm % && depmod %", {path, kernel_of(path)}));
+    }
+  }
+}
+
+}  // namespace valta::inspect

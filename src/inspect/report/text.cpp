@@ -1,0 +1,203 @@
+#include "inspect/report/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "utils/shell.h"
+#include "utils/text.h"
+#include "utils/wording.h"
+
+namespace valta::inspect {
+namespace {
+
+constexpr std::size_t kWidth = 80;
+constexpr std::size_t kShown = 5;  ///< findings of a kind, before "and 3 more"
+
+/// Prints to standard output, for people.
+class Page {
+ public:
+  explicit Page(bool verbose)
+      : verbose_(verbose),
+        bold_(isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr) {}
+
+  [[nodiscard]] bool verbose() const { return verbose_; }
+
+  void heading(const std::string& text) const {
+    std::printf(bold_ ? "\033[1m%s\033[0m\n" : "%s\n", escaped(text).c_str());
+  }
+
+  void section(const std::string& title) const {
+    std::puts("");
+    heading(title);
+  }
+
+  /// `text` in lines of 80 columns, `indent` blanks in front. A word that is longer has its own.
+  void paragraph(const std::string& text, std::size_t indent) const {
+    std::string line;
+    for (const std::string& word : split(escaped(text), ' ')) {
+      if (!line.empty() && indent + line.size() + 1 + word.size() > kWidth) {
+        std::printf("%*s%s\n", static_cast<int>(indent), "", line.c_str());
+        line.clear();
+      }
+      line += (line.empty() ? "" : " ") + word;
+    }
+    std::printf("%*s%s\n", static_cast<int>(indent), "", line.c_str());
+  }
+
+  /// A command is one line, however long: it is there to be copied, with a comment about it.
+  static void command(const std::string& text, StepKind kind) {
+    std::printf("      %s  # %s\n", text.c_str(), name_of(kind));
+  }
+
+  void list(const char* title, const std::vector<std::string>& lines) const {
+    if (!verbose_ || lines.empty()) {
+      return;
+    }
+    section(title);
+    for (const std::string& line : lines) {
+      std::printf("  %s\n", escaped(line).c_str());
+    }
+  }
+
+ private:
+  bool verbose_;
+  bool bold_;
+};
+
+std::string headline(const Report& report) {
+  const bool before = report.command == Command::before;
+  const std::string run = before ? "a run now" : "the last run";
+  const std::string status = report.status ? " with status " + std::to_string(*report.status) : "";
+  const std::string ends = run + (before ? " would end" : " ended") + status;
+  switch (report.outcome) {
+    case Outcome::done:
+      return ends + (report.kept.empty() ? ", with nothing left of the manifest"
+                                         : ", with all gone that it can remove");
+    case Outcome::clean:
+      return ends + ", with nothing there to remove";
+    case Outcome::kept:
+      return ends + ", and changed files stay";
+    case Outcome::shared:
+      return ends + ", and shared files stay";
+    case Outcome::busy:
+      return ends + ", as a module is in use";
+    case Outcome::failed:
+      return ends + (report.status == 0 ? ", but not all of its work succeeded" : "");
+    case Outcome::nothing_done:
+      return ends + ", having done nothing";
+    case Outcome::unfinished:
+      return run + (before ? " would not come to its end" : " did not come to its end");
+    case Outcome::unknown:
+      break;
+  }
+  if (before && report.status) {
+    return ends + ", without a log of it";
+  }
+  return before ? "a run cannot be rehearsed here" : "what the last run did cannot be told";
+}
+
+void print_finding(const Page& page, const Finding& finding) {
+  const bool says_where =
+      finding.where.empty() || finding.text.find(finding.where) != std::string::npos;
+  page.paragraph(finding.text + (says_where ? "" : " (" + finding.where + ")"), 2);
+  if (!finding.next.empty()) {
+    Page::command(finding.next, finding.id.row().kind);
+  }
+}
+
+/// The findings of one severity; of many in a row with the same id the first few.
+void print_findings(const Page& page, const Report& report, Severity severity,
+                    const std::string& title) {
+  std::vector<Finding> findings;
+  std::copy_if(report.findings.begin(), report.findings.end(), std::back_inserter(findings),
+               [&](const Finding& finding) { return finding.severity == severity; });
+  if (findings.empty()) {
+    return;
+  }
+  page.section(title + ": " + std::to_string(findings.size()));
+  for (auto group = findings.begin(); group != findings.end();) {
+    const auto end = std::find_if(group, findings.end(),
+                                  [&](const Finding& finding) { return finding.id != group->id; });
+    const auto size = static_cast<std::size_t>(end - group);
+    const std::size_t shown = page.verbose() ? size : std::min(size, kShown);
+    for (std::size_t number = 0; number < shown; ++number, ++group) {
+      print_finding(page, *group);
+    }
+    if (group != end) {
+      page.paragraph("... and " + std::to_string(size - shown) + " more (--verbose)", 2);
+    }
+    group = end;
+  }
+}
+
+/// The words for a number of removed objects, in the order of `FileKind`.
+constexpr std::array<const char*, 4> kThings = {"file", "link", "directory", "path"};
+
+std::string totals(const Report& report) {
+  const bool before = report.command == Command::before;
+  std::array<std::size_t, kThings.size()> counts{};
+  std::size_t others = 0;
+  for (const Removal& removal : report.removed) {
+    ++(removal.is_listed ? counts.at(static_cast<std::size_t>(removal.kind)) : others);
+  }
+  std::vector<std::string> removed;
+  for (std::size_t kind = 0; kind < counts.size(); ++kind) {
+    if (counts.at(kind) > 0) {
+      removed.push_back(counted(counts.at(kind), kThings.at(kind)));
+    }
+  }
+  return (removed.empty() ? "Nothing" : join(removed, ", ")) + " of the manifest" +
+         (others > 0 ? " and " + counted(others, "other path") : "") +
+         (before ? " would be removed; " : " removed, and what the log does not name; ") +
+         counted(report.kept.size(), "path") + " of the manifest " +
+         (before ? "would be left" : "left") +
+         (report.unloaded.empty() ? "" : "; modules unloaded: " + join(report.unloaded, ", ")) +
+         ".";
+}
+
+template <typename Items, typename Line>
+std::vector<std::string> lines_of(const Items& items, const Line& line) {
+  std::vector<std::string> lines;
+  std::transform(items.begin(), items.end(), std::back_inserter(lines), line);
+  return lines;
+}
+
+}  // namespace
+
+void print_text(const Report& report, bool verbose) {
+  const Page page(verbose);
+  const bool before = report.command == Command::before;
+  page.heading(std::string(name_of(report.outcome)) + ": " + headline(report));
+  if (!report.reason.empty()) {
+    page.paragraph(report.reason, 2);
+  }
+  print_findings(page, report, Severity::blocks, "In the way of a good run");
+  print_findings(page, report, Severity::keeps, before ? "What would stay" : "What stays");
+  print_findings(page, report, Severity::note, "Good to know");
+  if (succeeds(report.outcome) || report.outcome == Outcome::failed) {
+    std::puts("");
+    page.paragraph(totals(report), 0);
+  }
+  page.list("Removed", lines_of(report.removed, [](const Removal& item) { return item.path; }));
+  page.list("Written", report.written);
+  page.list("Kept", lines_of(report.kept, [](const Kept& item) {
+              return item.path + " (" + name_of(item.reason) + ")";
+            }));
+  page.list("Services", lines_of(report.services, [](const Service& item) {
+              return item.unit + " " + name_of(item.state);
+            }));
+  page.list("DKMS", lines_of(report.dkms, [](const DkmsVersion& item) {
+              return item.version + " " + name_of(item.state);
+            }));
+  page.list("Standard output", split(report.output, '\n'));
+  page.list("Console", split(report.console, '\n'));
+  page.list("Log", split(report.log, '\n'));
+}
+
+}  // namespace valta::inspect

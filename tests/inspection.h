@@ -1,0 +1,49 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <map>
+#include <set>
+#include <string>
+
+#include "throwaway_host.h"
+
+namespace valta {
+
+using Names = std::set<std::string>;
+using Listing = std::map<std::string, std::string>;
+
+/// A throwaway host on which valta-driver-inspect can be run.
+class Inspect : public testing::Test {
+ protected:
+  Inspect() { host.put_faulty_programs(); }
+
+  void SetUp() override {
+    if (VALTA_EMULATED) {
+      GTEST_SKIP() << "qemu-user makes no namespaces";
+    }
+  }
+
+  ThrowawayHost host;
+};
+
+/// The values that `objects` have for `field`.
+inline Names all_of(const nlohmann::json& objects, const char* field) {
+  Names names;
+  for (const auto& object : objects) {
+    names.insert(object[field].get<std::string>());
+  }
+  return names;
+}
+
+/// The lines of a listing that another one does not have.
+inline Names only_in(const Listing& listing, const Listing& other) {
+  Names lines;
+  for (const auto& [path, attributes] : listing) {
+    if (const auto found = other.find(path); found == other.end() || found->second != attributes) {
+      lines.insert(path + " " + attributes);
+    }
+  }
+  return lines;
+}
+
+}  // namespace valta
