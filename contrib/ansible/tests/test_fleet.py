@@ -186,8 +186,8 @@ class Fleet:
 @pytest.fixture(scope="module")
 def fleet(request, tmp_path_factory):
     """The hosts that the chosen tests name."""
-    chosen = {name for item in request.node.listchain()[0].items if hasattr(item, "callspec")
-              for name in item.callspec.params["name"].split()}
+    marked = (item.callspec.params for item in request.session.items if hasattr(item, "callspec"))
+    chosen = {name for params in marked for name in params.get("name", "").split()}
     return Fleet(tmp_path_factory.mktemp("fleet"), [name for name in HOSTS if name in chosen])
 
 

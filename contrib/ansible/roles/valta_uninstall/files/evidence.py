@@ -1,14 +1,15 @@
 #!/usr/bin/env python3
-"""Keeps the evidence of a play on the controller, and sums it up.
+"""Keeps the results of a play on the controller, and sums them up.
 
-    evidence.py open LOGS [--play DIRECTORY] [--check] [--limited] --max-failed LIMITS
+    evidence.py open LOGS [--play DIRECTORY] [--check] [--limited]
                                                        <{"all": [HOST...], "batch": [HOST...]}
     evidence.py judge DIRECTORY [--max-failed LIMITS]  <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py report LOGS [--play DIRECTORY] [--check]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
-directory holds summary.json, summary.txt, "again" with the hosts that are not done, and for each
-host what its run left. Whatever a host says is text here, and reaches no terminal but as ASCII.
+directory holds "journal", to which every call appends what is new, "again" with the hosts that are
+not done, for each host what its run left, and, once the play has been summed up, summary.json and
+summary.txt. Whatever a host says is text here, and reaches no terminal but as ASCII.
 """
 
 import argparse
@@ -22,6 +23,8 @@ import time
 
 FILES = ("before.json", "before.err", "after.json", "after.err", "stdout", "stderr", "log",
          "status")
+# More than that of one host would only fill the controller's disk.
+MOST_BYTES = 64 << 20
 GOOD = ("done", "shared", "kept", "clean")
 # What the inspector says, and what only the controller can know.
 OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "unreachable",
@@ -33,6 +36,10 @@ ADVICE = {
     "busy": "stop what uses the driver",
     "unreachable": "see to the connection",
 }
+RECORD = {"outcome": "unknown", "status": None, "reason": "", "blocks": [], "keeps": [],
+          "stays": [], "changed": False, "tries": 0, "evidence": None,
+          # Whether the host may have a run that no play has seen the end of.
+          "out": False}
 
 
 def plain(value):
@@ -61,9 +68,9 @@ def write(text, *path):
     os.replace(path + ".new", path)
 
 
-def read_object(*path):
+def parse_object(text):
     try:
-        found = json.loads(read(*path))
+        found = json.loads(text)
     except ValueError:
         return {}
     return found if isinstance(found, dict) else {}
@@ -78,12 +85,6 @@ def findings(found, severity):
     return [item for item in objects(found, "findings") if item.get("severity") == severity]
 
 
-def record_of(outcome, reason, **rest):
-    """What the summary has of a host. "out": it may have a run that no play has seen the end of."""
-    return {"outcome": outcome, "status": None, "reason": reason, "blocks": [], "keeps": [],
-            "stays": [], "changed": False, "tries": 0, "evidence": None, "out": False, **rest}
-
-
 def not_started(former):
     """A host whose batch is to come, with what an earlier play said of it."""
     reason = "its batch did not start"
@@ -92,14 +93,34 @@ def not_started(former):
     elif former:
         reason += "; before: %(outcome)s: %(reason)s" % former
     out = former and (former["out"] or former["outcome"] == "unknown" and not former["evidence"])
-    return record_of("not-started", reason, out=bool(out))
+    return {**RECORD, "outcome": "not-started", "reason": reason, "out": bool(out)}
 
 
 class Play:
+    """What the journal of a directory says: `state` of the play, `hosts` with a record each."""
+
     def __init__(self, directory):
         self.directory = directory
-        self.state = read_object(directory, "summary.json")
-        self.hosts = self.state.setdefault("hosts", {})
+        self.state, self.hosts = {"check": False, "batches": 0}, {}
+        for line in read(directory, "journal").split("\n"):
+            self.take(parse_object(line))  # a line that a full disk cut short says nothing
+
+    def take(self, line):
+        self.state.update(line.get("state", {}))
+        self.hosts.update({n: {**RECORD, **r} for n, r in line.get("hosts", {}).items()})
+
+    def add(self, hosts=(), **state):
+        """Appends to the journal: records of hosts, without what is as in all, and the state."""
+        hosts = {name: {key: value for key, value in record.items() if value != RECORD[key]}
+                 for name, record in dict(hosts).items()}
+        line = {"state": state, "hosts": hosts}
+        with open(os.path.join(self.directory, "journal"), "ab+") as journal:
+            if journal.tell() and os.pread(journal.fileno(), 1, journal.tell() - 1) != b"\n":
+                journal.write(b"\n")
+            journal.write(json.dumps(line).encode() + b"\n")
+        self.take(line)
+        # An empty file would limit a play to nothing, which Ansible takes for all hosts.
+        write("\n".join(self.not_done() or ["!all"]) + "\n", self.directory, "again")
 
     def judge(self, name, told):
         """The record of a host after a try. Ansible has told whether it "found" the run there, or
@@ -112,18 +133,18 @@ class Play:
         if outcome == "unreachable" and former["out"]:
             outcome = "lost"
         if outcome:
-            return record_of(outcome, plain(told["reason"]), tries=tries,
-                             out=former["out"] or outcome in ("lost", "unfinished"))
+            return {**RECORD, "outcome": outcome, "reason": plain(told["reason"]), "tries": tries,
+                    "out": former["out"] or outcome in ("lost", "unfinished")}
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
         self.unpack(name, place)
-        record = self.judge_evidence(place)
+        record = self.judge_results(place)
         if told.get("found") and tries == 1:
             record["reason"] = "found from an earlier play: " + record["reason"]
         return {**record, "tries": tries}
 
-    def judge_evidence(self, place):
-        rehearsal = read_object(place, "before.json")
-        found = rehearsal if self.state["check"] else read_object(place, "after.json")
+    def judge_results(self, place):
+        rehearsal = parse_object(read(place, "before.json"))
+        found = rehearsal if self.state["check"] else parse_object(read(place, "after.json"))
         ended = read(place, "status")
         outcome, reason = found.get("outcome"), plain(found.get("reason"))
         if not found:
@@ -134,20 +155,21 @@ class Play:
             blocks = blocks or findings(rehearsal, "blocks")
         kept = objects(found, "kept")
         paths = [item.get("path") for item in kept]
-        return record_of(
-            outcome if outcome in OUTCOMES else "unknown",
-            reason or "%d paths removed" % len(objects(found, "removed")),
-            status=None if status is None else int(status),
-            blocks=[sentence(item) for item in blocks],
-            keeps=[sentence(item) for item in findings(found, "keeps")
-                   if item.get("where") not in paths],
-            stays=["%s (%s)" % (plain(item.get("path")), plain(item.get("reason")))
-                   for item in kept],
+        return {
+            **RECORD,
+            "outcome": outcome if outcome in OUTCOMES else "unknown",
+            "reason": reason or "%d paths removed" % len(objects(found, "removed")),
+            "status": None if status is None else int(status),
+            "blocks": [sentence(item) for item in blocks],
+            "keeps": [sentence(item) for item in findings(found, "keeps")
+                      if item.get("where") not in paths],
+            "stays": ["%s (%s)" % (plain(item.get("path")), plain(item.get("reason")))
+                      for item in kept],
             # The log names neither configuration nor companion modules: the rehearsal does.
-            changed=bool(ended) and outcome != "nothing-done" and any(
+            "changed": bool(ended) and outcome != "nothing-done" and any(
                 source.get(key) for source in (found, rehearsal)
                 for key in ("removed", "unloaded")),
-            evidence=place)
+            "evidence": place}
 
     def explain(self, place, ended):
         """Why there is no judgement."""
@@ -159,26 +181,33 @@ class Play:
         return "unknown", plain("valta-driver-inspect gave no answer: " + "".join(errors[-1:]))
 
     def unpack(self, name, place):
-        """Of an archive that a host made nothing but the known files is taken, by name."""
+        """Of an archive that a host made nothing but the known files is taken, by name, and no
+        more bytes than the host has sent."""
         archive = os.path.join(self.directory, "fetched", name)
         os.makedirs(place)
+        if os.path.getsize(archive) > MOST_BYTES:
+            os.remove(archive)
+            raise ValueError("they have more than %d MB" % (MOST_BYTES >> 20))
         with tarfile.open(archive, "r:") as tar:
             for member in tar:
+                if member.issparse():
+                    raise ValueError("%s is sparse" % plain(member.name))
                 if member.isfile() and member.name in FILES:
                     with open(os.path.join(place, member.name), "wb") as file:
                         shutil.copyfileobj(tar.extractfile(member), file)
         os.remove(archive)
 
-    def keep(self):
-        self.state["schema"] = 1
-        write(json.dumps(self.state, indent=1), self.directory, "summary.json")
-        write("".join(line + "\n" for line in self.lines()), self.directory, "summary.txt")
-        # An empty file would limit a play to nothing, which Ansible takes for all hosts.
-        names = self.not_done() or ["!all"]
-        write("".join(name + "\n" for name in names), self.directory, "again")
-
     def not_done(self):
         return [name for name, record in self.hosts.items() if record["outcome"] not in GOOD]
+
+    def sum_up(self):
+        """Writes the summary."""
+        hosts = ",\n".join("%s: %s" % (json.dumps(n), json.dumps(r))
+                           for n, r in self.hosts.items())
+        write('{"schema": 2,\n%s,\n"hosts": {\n%s\n}}\n' % (
+            ",\n".join("%s: %s" % (json.dumps(k), json.dumps(v)) for k, v in self.state.items()),
+            hosts), self.directory, "summary.json")
+        write("".join(line + "\n" for line in self.lines()), self.directory, "summary.txt")
 
     def totals(self):
         outcomes = [record["outcome"] for record in self.hosts.values()]
@@ -220,7 +249,7 @@ class Play:
 
 def new_play(options, names):
     latest = os.path.join(options.path, "latest-check" if options.check else "latest")
-    earlier = read_object(latest, "summary.json").get("hosts", {})
+    earlier = Play(latest).hosts
     name = time.strftime("%Y-%m-%dT%H-%M-%S") + ("-check" if options.check else "")
     os.makedirs(options.path, exist_ok=True)
     for suffix in range(1, 100):
@@ -232,9 +261,9 @@ def new_play(options, names):
         except FileExistsError:
             pass
     play = Play(directory)
-    play.state.update(check=options.check, batches=0)
-    play.hosts.update(earlier if options.limited else {})
-    play.hosts.update({name: not_started(earlier.get(name)) for name in names})
+    hosts = earlier if options.limited else {}
+    hosts.update({name: not_started(earlier.get(name)) for name in names})
+    play.add(hosts, check=options.check)
     if os.path.lexists(latest + ".new"):
         os.remove(latest + ".new")
     os.symlink(os.path.basename(directory), latest + ".new")
@@ -244,10 +273,8 @@ def new_play(options, names):
 
 def open_play(options, told):
     play = Play(options.play) if options.play else new_play(options, told["all"])
-    for name in told["batch"]:
-        play.hosts[name] = record_of("unknown", "the play ended before the host was judged",
-                                     out=play.hosts.get(name, {}).get("out", False))
-    play.keep()
+    play.add({name: {**RECORD, "reason": "the play ended before the host was judged",
+                     "out": play.hosts.get(name, RECORD)["out"]} for name in told["batch"]})
     print(play.directory)
 
 
@@ -271,18 +298,20 @@ def judge(options, told):
         try:
             judged[name] = play.judge(name, of_host)
         except Exception as error:  # what one host sent must not end the play of all
-            judged[name] = record_of(
-                "unknown", plain("the evidence cannot be read: %r" % error),
-                evidence=os.path.join(play.directory, "fetched", name))
-    play.hosts.update(judged)
+            fetched = os.path.join(play.directory, "fetched", name)
+            judged[name] = {
+                **RECORD, "reason": plain("the results cannot be read: %s" % (
+                    str(error) or type(error).__name__)),
+                "evidence": fetched if os.path.exists(fetched) else play.directory}
     outcomes = [record["outcome"] for record in judged.values()]
     stop = False
+    batches = play.state["batches"]
     if options.max_failed:
         failed = sum(outcome in FAILED for outcome in outcomes)
-        stop = is_beyond(options.max_failed, play.state["batches"], failed, len(told))
+        stop = is_beyond(options.max_failed, batches, failed, len(told))
         # A batch that came to no host has shown nothing.
-        play.state["batches"] += any(o not in ("busy", "unreachable") for o in outcomes)
-    play.keep()
+        batches += any(o not in ("busy", "unreachable") for o in outcomes)
+    play.add(judged, batches=batches)
     print(json.dumps({
         "hosts": {n: {"outcome": r["outcome"], "changed": r["changed"]} for n, r in judged.items()},
         "again": [n for n, r in judged.items() if r["outcome"] == "busy" or r["out"]],
@@ -295,6 +324,7 @@ def report(options):
         os.path.join(options.path, "latest-check" if options.check else "latest")))
     if not play.hosts:
         sys.exit("there is no summary in " + play.directory)
+    play.sum_up()
     print(read(play.directory, "summary.txt"), end="")
     return 3 if play.not_done() else 0
 

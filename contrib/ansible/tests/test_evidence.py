@@ -1,0 +1,221 @@
+"""What evidence.py keeps and says, without Ansible: a play here is its calls alone."""
+
+import contextlib
+import importlib.util
+import io
+import json
+import sys
+import tarfile
+from pathlib import Path
+from types import SimpleNamespace
+
+import pytest
+
+PROGRAM = Path(__file__).parents[1] / "roles/valta_uninstall/files/evidence.py"
+spec = importlib.util.spec_from_file_location("evidence", PROGRAM)
+evidence = importlib.util.module_from_spec(spec)
+spec.loader.exec_module(evidence)
+
+
+def results(outcome="done", **more):
+    """What a run leaves that ended with this outcome."""
+    answer = {"outcome": outcome, "reason": "", "status": 0, "findings": [], "kept": [],
+              "removed": [{"path": "/a"}, {"path": "/b"}], **more}
+    return {"before.json": answer, "after.json": answer, "status": "0", "log": "text"}
+
+
+DONE = results()
+FAILED = {**results("failed", reason="depmod failed", removed=[]), "status": "5"}
+BUSY = {**results("busy", reason="module zephanor is in use", removed=[]), "status": "43"}
+AWAY = {"outcome": "unreachable", "reason": "no route"}
+LOST = {"outcome": "lost", "reason": "cut"}
+BROKEN = {"outcome": "failed", "reason": "no space left"}
+
+
+def pack(archive, files):
+    """An archive as a host makes it, of what `files` has."""
+    with tarfile.open(archive, "w") as tar:
+        for name, content in files.items():
+            content = content if isinstance(content, str) else json.dumps(content)
+            member = tarfile.TarInfo(name)
+            member.size = len(content)
+            tar.addfile(member, io.BytesIO(content.encode()))
+
+
+class Controller:
+    """The directory of the results, and one call of Ansible after the other."""
+
+    def __init__(self, logs):
+        self.logs, self.options, self.directory = logs, [], None
+
+    def call(self, *arguments, told=None):
+        output, sys.stdin = io.StringIO(), io.StringIO(json.dumps(told))
+        sys.argv = ["evidence.py", *map(str, arguments)]
+        with contextlib.redirect_stdout(output):
+            status = evidence.main()
+        return SimpleNamespace(status=status, text=output.getvalue())
+
+    def start(self, *options):
+        self.options, self.directory = list(options), None
+
+    def open(self, everyone, batch):
+        play = ["--play", self.directory] if self.directory else []
+        told = {"all": everyone, "batch": batch}
+        opened = self.call("open", self.logs, *self.options, *play, told=told)
+        self.directory = Path(opened.text.strip())
+
+    def judge(self, hosts, limits=""):
+        """The results of `hosts` by name: what was fetched, or what Ansible told."""
+        (self.directory / "fetched").mkdir(exist_ok=True)
+        for name, files in hosts.items():
+            if "outcome" not in files:
+                pack(self.directory / "fetched" / name, files)
+        told = {n: files if "outcome" in files else {} for n, files in hosts.items()}
+        limit = ["--max-failed", limits] if limits else []
+        return json.loads(self.call("judge", self.directory, *limit, told=told).text)
+
+    def play(self, *batches, limits="100%", everyone=None, options=()):
+        """Plays these batches of hosts until the failure limit; returns how many were started."""
+        everyone = everyone or [name for batch in batches for name in batch]
+        self.start(*options)
+        for count, batch in enumerate(batches, 1):
+            self.open(everyone, list(batch))
+            if self.judge(batch, limits)["stop"]:
+                break
+        return count
+
+    def report(self):
+        done = self.call("report", self.logs, *self.options, "--play", self.directory)
+        return SimpleNamespace(status=done.status, text=done.text, again=(
+            self.directory / "again").read_text().split(), **json.loads(
+                (self.directory / "summary.json").read_text()))
+
+
+@pytest.fixture
+def controller(tmp_path):
+    return Controller(tmp_path)
+
+
+@pytest.mark.parametrize("told, outcome, status, reason", [
+    (DONE, "done", 0, "2 paths removed"),
+    (FAILED, "failed", 5, "depmod failed"),
+    (AWAY, "unreachable", None, "no route"),
+    ({**DONE, "after.json": ""}, "unknown", 0, "gave no answer"),
+    ({**DONE, "after.json": results("splendid")["after.json"]}, "unknown", 0, ""),
+    ({"status": "0"}, "unknown", 0, "the run wrote no log"),
+    ({"before.json": {}}, "unfinished", None, "cut off"),
+    ({**DONE, "status": "none"}, "unknown", None, "cannot be read"),
+])
+def test_outcome(controller, told, outcome, status, reason):
+    controller.play({"h": told})
+    record = controller.report().hosts["h"]
+    assert (record["outcome"], record["status"]) == (outcome, status)
+    assert reason in record["reason"]
+
+
+@pytest.mark.parametrize("limits, batches, started", [
+    ("0", [{"a": DONE}, {"b": FAILED}, {"c": DONE}], 2),
+    ("1", [{"a": FAILED}, {"b": FAILED}, {"c": DONE}], 3),
+    ("50%", [{"a": FAILED, "b": DONE}, {"c": DONE}], 2),
+    ("49%", [{"a": FAILED, "b": DONE}, {"c": DONE}], 1),
+    ("[0, '50%']", [{"a": DONE}, {"b": FAILED, "c": DONE}, {"d": FAILED, "e": FAILED},
+                    {"f": DONE}], 3),
+    # A batch that came to no host has shown nothing, and these are no failures.
+    ("0, 100%", [{"a": AWAY}, {"b": BUSY}, {"c": FAILED}, {"d": DONE}], 3),
+    ("0", [{"a": LOST}, {"b": DONE}], 1),
+])
+def test_failure_limit(controller, limits, batches, started):
+    assert controller.play(*batches, limits=limits) == started
+
+
+def test_what_no_batch_came_to_is_not_done_and_keeps_what_was_known_of_it(controller):
+    controller.play({"a": DONE, "b": FAILED, "c": LOST})
+    controller.play({"a": FAILED}, everyone=["a", "b", "c", "d"])
+    play = controller.report()
+    assert play.status == 3
+    assert play.again == ["a", "b", "c", "d"]
+    assert {record["outcome"] for record in play.hosts.values()} == {"failed", "not-started"}
+    assert play.hosts["b"]["reason"].endswith("before: failed: depmod failed")
+    assert play.hosts["c"]["out"]
+    assert play.hosts["d"]["reason"] == "its batch did not start"
+
+
+def test_resumed_play_takes_over_what_it_does_not_run(controller):
+    controller.play({"a": DONE, "b": FAILED, "c": DONE})
+    controller.play({"b": DONE}, options=["--limited"])
+    play = controller.report()
+    assert (play.status, play.again, sorted(play.hosts)) == (0, ["!all"], ["a", "b", "c"])
+    controller.play({"b": DONE})
+    assert sorted(controller.report().hosts) == ["b"]
+
+
+def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
+    controller.start()
+    controller.open(["a"], ["a"])
+    assert controller.judge({"a": LOST})["again"] == ["a"]
+    assert controller.judge({"a": AWAY})["again"] == ["a"]
+    assert "the run may be going on" in controller.report().text
+    controller.start()
+    controller.open(["a"], ["a"])
+    assert controller.judge({"a": AWAY})["hosts"]["a"]["outcome"] == "lost"
+    controller.start()
+    controller.open(["a"], ["a"])
+    (controller.directory / "fetched").mkdir()
+    pack(controller.directory / "fetched/a", DONE)
+    controller.call("judge", controller.directory, told={"a": {"found": True}})
+    assert controller.report().hosts["a"]["reason"] == (
+        "found from an earlier play: 2 paths removed")
+
+
+def test_summary_has_what_to_do(controller):
+    finding = {"severity": "blocks", "text": "A process uses it.", "where": "42", "do": "kill 42"}
+    busy = {**BUSY, "after.json": {**BUSY["after.json"], "findings": [finding]}}
+    kept = [{"path": "/etc/\033[31mx", "reason": "changed"}] * 4
+    controller.play({"a": busy, "b": FAILED, "c": AWAY, "d": results("kept", kept=kept)})
+    text = controller.report().text
+    assert "4 hosts: 1 kept, 1 unreachable, 1 busy, 1 failed" in text
+    assert f"--limit @{controller.directory}/again" in text
+    for line in ("-> A process uses it: 42: kill 42", "-> see to the reason, then resume",
+                 "-> see to the connection", "/etc/?[31mx (changed) and 1 more"):
+        assert line in text
+
+
+@pytest.mark.parametrize("refused", ["sparse", "large"])
+def test_host_cannot_fill_the_disk(controller, monkeypatch, refused):
+    controller.start()
+    controller.open(["a"], ["a"])
+    archive = controller.directory / "fetched/a"
+    archive.parent.mkdir()
+    pack(archive, DONE)
+    if refused == "large":
+        monkeypatch.setattr(evidence, "MOST_BYTES", 1000)
+    else:
+        with tarfile.open(archive, "w", format=tarfile.GNU_FORMAT) as tar:
+            member = tarfile.TarInfo("log")
+            header = bytearray(member.tobuf(tarfile.GNU_FORMAT))
+            header[156:157] = tarfile.GNUTYPE_SPARSE
+            header[386:410] = b"%011o\0" % (3 << 20) + b"%011o\0" % 0  # a hole up to there
+            header[483:495] = b"%011o\0" % (3 << 20)
+            header[148:156] = b"        "
+            header[148:156] = b"%06o\0 " % sum(header)
+            tar.fileobj.write(header)
+    verdict = controller.call("judge", controller.directory, told={"a": {}})
+    assert json.loads(verdict.text)["hosts"]["a"]["outcome"] == "unknown"
+    assert refused[:5] in controller.report().hosts["a"]["reason"] or refused == "large"
+    assert sum(f.stat().st_size for f in controller.directory.rglob("log")) == 0
+    assert refused == "sparse" or not archive.exists()
+
+
+def test_batch_appends(controller):
+    """What a play has written is not written again, and what a full disk cut short is skipped."""
+    controller.start()
+    controller.open(["a", "b"], ["a"])
+    controller.judge({"a": DONE})
+    journal = controller.directory / "journal"
+    before = journal.read_bytes() + b'{"hosts": {"a'
+    journal.write_bytes(before)
+    controller.open(["a", "b"], ["b"])
+    controller.judge({"b": DONE})
+    assert journal.read_bytes().startswith(before)
+    assert not (controller.directory / "summary.json").exists()
+    assert controller.report().status == 0
