@@ -4,6 +4,7 @@ import contextlib
 import importlib.util
 import io
 import json
+import re
 import sys
 import tarfile
 from pathlib import Path
@@ -19,7 +20,7 @@ spec.loader.exec_module(evidence)
 
 def results(outcome="done", **more):
     """What a run leaves that ended with this outcome."""
-    answer = {"outcome": outcome, "reason": "", "status": 0, "findings": [], "kept": [],
+    answer = {"outcome": outcome, "reason": "", "status": 0, "version": "4.1.0", "findings": [], "kept": [],
               "removed": [{"path": "/a"}, {"path": "/b"}], **more}
     return {"before.json": answer, "after.json": answer, "status": "0", "log": "text"}
 
@@ -52,41 +53,44 @@ class Controller:
         output, sys.stdin = io.StringIO(), io.StringIO(json.dumps(told))
         sys.argv = ["evidence.py", *map(str, arguments)]
         with contextlib.redirect_stdout(output):
-            status = evidence.main()
-        return SimpleNamespace(status=status, text=output.getvalue())
+            evidence.main()
+        return json.loads(output.getvalue())
 
     def start(self, *options):
         self.options, self.directory = list(options), None
 
     def open(self, everyone, batch):
         play = ["--play", self.directory] if self.directory else []
-        told = {"all": everyone, "batch": batch}
+        told = {"all": everyone, "batch": batch, "last": False}
         opened = self.call("open", self.logs, *self.options, *play, told=told)
-        self.directory = Path(opened.text.strip())
+        self.directory = Path(opened["play"])
+        return opened
 
-    def judge(self, hosts, limits=""):
+    def judge(self, hosts, limits="", total="100%"):
         """The results of `hosts` by name: what was fetched, or what Ansible told."""
         (self.directory / "fetched").mkdir(exist_ok=True)
         for name, files in hosts.items():
             if "outcome" not in files:
                 pack(self.directory / "fetched" / name, files)
         told = {n: files if "outcome" in files else {} for n, files in hosts.items()}
-        limit = ["--max-failed", limits] if limits else []
-        return json.loads(self.call("judge", self.directory, *limit, told=told).text)
+        limit = ["--max-failed", limits, "--max-failed-total", total] if limits else []
+        judged = self.call("judge", self.directory, told=told)
+        settled = self.call("settle", self.directory, *limit, told={"hosts": list(hosts)})
+        return SimpleNamespace(hosts=judged, **settled)
 
-    def play(self, *batches, limits="100%", everyone=None, options=()):
+    def play(self, *batches, limits="100%", total="100%", everyone=None, options=()):
         """Plays these batches of hosts until the failure limit; returns how many were started."""
         everyone = everyone or [name for batch in batches for name in batch]
         self.start(*options)
         for count, batch in enumerate(batches, 1):
             self.open(everyone, list(batch))
-            if self.judge(batch, limits)["stop"]:
+            if self.judge(batch, limits, total).stop:
                 break
         return count
 
     def report(self):
-        done = self.call("report", self.logs, *self.options, "--play", self.directory)
-        return SimpleNamespace(status=done.status, text=done.text, again=(
+        told = self.call("report", self.logs, *self.options, "--play", self.directory)
+        return SimpleNamespace(**told, text="\n".join(told["lines"]), again=(
             self.directory / "again").read_text().split(), **json.loads(
                 (self.directory / "summary.json").read_text()))
 
@@ -113,27 +117,29 @@ def test_outcome(controller, told, outcome, status, reason):
     assert reason in record["reason"]
 
 
-@pytest.mark.parametrize("limits, batches, started", [
-    ("0", [{"a": DONE}, {"b": FAILED}, {"c": DONE}], 2),
-    ("1", [{"a": FAILED}, {"b": FAILED}, {"c": DONE}], 3),
-    ("50%", [{"a": FAILED, "b": DONE}, {"c": DONE}], 2),
-    ("49%", [{"a": FAILED, "b": DONE}, {"c": DONE}], 1),
-    ("[0, '50%']", [{"a": DONE}, {"b": FAILED, "c": DONE}, {"d": FAILED, "e": FAILED},
-                    {"f": DONE}], 3),
+@pytest.mark.parametrize("limits, total, batches, started", [
+    ("0", "100%", [{"a": DONE}, {"b": FAILED}, {"c": DONE}], 2),
+    ("1", "100%", [{"a": FAILED}, {"b": FAILED}, {"c": DONE}], 3),
+    ("50%", "100%", [{"a": FAILED, "b": DONE}, {"c": DONE}], 2),
+    ("49%", "100%", [{"a": FAILED, "b": DONE}, {"c": DONE}], 1),
+    ("[0, '50%']", "100%", [{"a": DONE}, {"b": FAILED, "c": DONE}, {"d": FAILED, "e": FAILED},
+                            {"f": DONE}], 3),
     # A batch that came to no host has shown nothing, and these are no failures.
-    ("0, 100%", [{"a": AWAY}, {"b": BUSY}, {"c": FAILED}, {"d": DONE}], 3),
-    ("0", [{"a": LOST}, {"b": DONE}], 1),
+    ("0, 100%", "100%", [{"a": AWAY}, {"b": BUSY}, {"c": FAILED}, {"d": DONE}], 3),
+    ("0", "100%", [{"a": LOST}, {"b": DONE}], 1),
+    # Of all hosts of the play, in all of its batches.
+    ("100%", "1", [{"a": FAILED}, {"b": DONE}, {"c": FAILED}, {"d": DONE}], 3),
+    ("100%", "50%", [{"a": FAILED}, {"b": FAILED}, {"c": FAILED}, {"d": DONE}], 3),
 ])
-def test_failure_limit(controller, limits, batches, started):
-    assert controller.play(*batches, limits=limits) == started
+def test_failure_limit(controller, limits, total, batches, started):
+    assert controller.play(*batches, limits=limits, total=total) == started
 
 
 def test_what_no_batch_came_to_is_not_done_and_keeps_what_was_known_of_it(controller):
     controller.play({"a": DONE, "b": FAILED, "c": LOST})
     controller.play({"a": FAILED}, everyone=["a", "b", "c", "d"])
     play = controller.report()
-    assert play.status == 3
-    assert play.again == ["a", "b", "c", "d"]
+    assert play.again == sorted(play.failures) == ["a", "b", "c", "d"]
     assert {record["outcome"] for record in play.hosts.values()} == {"failed", "not-started"}
     assert play.hosts["b"]["reason"].endswith("before: failed: depmod failed")
     assert play.hosts["c"]["out"]
@@ -144,7 +150,7 @@ def test_resumed_play_takes_over_what_it_does_not_run(controller):
     controller.play({"a": DONE, "b": FAILED, "c": DONE})
     controller.play({"b": DONE}, options=["--limited"])
     play = controller.report()
-    assert (play.status, play.again, sorted(play.hosts)) == (0, ["!all"], ["a", "b", "c"])
+    assert (play.failures, play.again, sorted(play.hosts)) == ({}, ["!all"], ["a", "b", "c"])
     controller.play({"b": DONE})
     assert sorted(controller.report().hosts) == ["b"]
 
@@ -152,12 +158,12 @@ def test_resumed_play_takes_over_what_it_does_not_run(controller):
 def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
     controller.start()
     controller.open(["a"], ["a"])
-    assert controller.judge({"a": LOST})["again"] == ["a"]
-    assert controller.judge({"a": AWAY})["again"] == ["a"]
+    assert controller.judge({"a": LOST}).again == ["a"]
+    assert controller.judge({"a": AWAY}).again == ["a"]
     assert "the run may be going on" in controller.report().text
     controller.start()
     controller.open(["a"], ["a"])
-    assert controller.judge({"a": AWAY})["hosts"]["a"]["outcome"] == "lost"
+    assert controller.judge({"a": AWAY}).hosts["a"]["outcome"] == "lost"
     controller.start()
     controller.open(["a"], ["a"])
     (controller.directory / "fetched").mkdir()
@@ -165,6 +171,21 @@ def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
     controller.call("judge", controller.directory, told={"a": {"found": True}})
     assert controller.report().hosts["a"]["reason"] == (
         "found from an earlier play: 2 paths removed")
+
+
+def test_failure_limit_holds_for_later_plays_of_the_call(controller):
+    controller.play({"a": DONE, "b": FAILED, "c": FAILED}, limits="1", everyone=["a", "b", "c", "d"])
+    assert controller.open(["e", "f"], ["e"])["stop"]
+    play = controller.report()
+    assert sorted(play.failures) == ["b", "c", "d", "e", "f"]
+    assert play.failures["b"].startswith("failed: depmod failed -> ")
+    assert {play.hosts[name]["outcome"] for name in "def"} == {"not-started"}
+    assert (play.stopped["batch"], play.stopped["hosts"]) == (1, ["b", "c"])
+    assert re.search("ended the play after batch 1, at 20.*: 2 of 3 hosts in the batch failed, "
+                     "the limit is 1", play.text)
+    assert play.batches[0]["failed"] == 2
+    assert play.versions == ["4.1.0"]
+    assert play.start <= play.stopped["time"] <= play.end
 
 
 def test_summary_has_what_to_do(controller):
@@ -200,7 +221,7 @@ def test_host_cannot_fill_the_disk(controller, monkeypatch, refused):
             header[148:156] = b"%06o\0 " % sum(header)
             tar.fileobj.write(header)
     verdict = controller.call("judge", controller.directory, told={"a": {}})
-    assert json.loads(verdict.text)["hosts"]["a"]["outcome"] == "unknown"
+    assert verdict["a"]["outcome"] == "unknown"
     assert refused[:5] in controller.report().hosts["a"]["reason"] or refused == "large"
     assert sum(f.stat().st_size for f in controller.directory.rglob("log")) == 0
     assert refused == "sparse" or not archive.exists()
@@ -218,4 +239,4 @@ def test_batch_appends(controller):
     controller.judge({"b": DONE})
     assert journal.read_bytes().startswith(before)
     assert not (controller.directory / "summary.json").exists()
-    assert controller.report().status == 0
+    assert not controller.report().failures

@@ -165,22 +165,39 @@ class Fleet:
         return {path for pattern in patterns
                 for path in fnmatch.filter(self.before[name], pattern) or [pattern]}
 
-    def play(self, *options, **variables):
+    def play(self, *options, playbook=ANSIBLE / "uninstall.yml", **variables):
         variables = {"valta_uninstall_log_dir": str(self.logs), "valta_uninstall_busy_delay": 1,
                      "valta_uninstall_busy_retries": 2, "valta_uninstall_poll": 2,
                      "valta_uninstall_max_failed": "100%", "valta_uninstall_batch": [1, "100%"],
                      **variables}
         done = subprocess.run(
-            ["ansible-playbook", "-i", self.directory / "inventory.json", ANSIBLE / "uninstall.yml",
+            ["ansible-playbook", "-i", self.directory / "inventory.json", playbook,
              "-e", json.dumps(variables), *options], stdout=subprocess.PIPE, text=True, env={
                  **os.environ, "HOME": str(self.directory), "ANSIBLE_FORKS": "10",
+                 "ANSIBLE_ROLES_PATH": str(ANSIBLE / "roles"),
                  "ANSIBLE_CONNECTION_PLUGINS": str(ANSIBLE / "tests/connection")})
         print(done.stdout)
         latest = (self.logs / ("latest-check" if "--check" in options else "latest")).resolve()
+        summary = latest / "summary.json"
+        recap = re.findall(r"^(\S+) +: ok=.* changed=(\d+) .* failed=(\d+) ", done.stdout, re.M)
         return SimpleNamespace(
             status=done.returncode, stdout=done.stdout, evidence=latest,
+            changed={name for name, changed, failed in recap if changed != "0"},
+            failed={name for name, changed, failed in recap if failed != "0"},
             left={name: self.left(name) for name in self.names},
-            **json.loads((latest / "summary.json").read_text()))
+            **(json.loads(summary.read_text()) if summary.exists() else {"hosts": {}}))
+
+    def plain(self, *batches, **variables):
+        """A playbook with a play for each batch size and list of hosts, and the role in it; with
+        variables of the plays there is one more play, for the report."""
+        path = self.directory / "plain.yml"
+        plays = [{"hosts": hosts, "serial": serial, "gather_facts": False,
+                  "roles": ["valta_uninstall"], "vars": variables} for serial, hosts in batches]
+        if variables:
+            plays.append({"hosts": "valta_hosts", "gather_facts": False, "tasks": [
+                {"import_role": {"name": "valta_uninstall", "tasks_from": "report"}}]})
+        path.write_text(json.dumps(plays))
+        return path
 
 
 @pytest.fixture(scope="module")
@@ -243,14 +260,62 @@ def test_neither_check_mode_nor_a_later_play_changes_what_is_there(checked, resu
     assert not resumed.changes
 
 
-@pytest.mark.parametrize("name", ["away failed clean"])
-def test_brake(fleet, name):
+GOOD = {"done", "kept", "shared", "clean"}
+
+
+def not_done(play):
+    return {name for name, record in play.hosts.items() if record["outcome"] not in GOOD}
+
+
+def test_every_host_that_is_not_done_fails_with_its_own_reason(ran):
+    assert ran.status == 2
+    assert ran.failed == not_done(ran)
+    for name in ran.failed:
+        assert re.search(rf"fatal: \[{name}\]: FAILED!.*{ran.hosts[name]['outcome']}: ", ran.stdout)
+
+
+@pytest.mark.parametrize("name", ["away empty clean"])
+@pytest.mark.parametrize("options, serial, hosts, outcomes, failed", [
+    # After a whole batch that is not done the play goes on; in the end it fails all the same.
+    ({}, 1, ["away", "clean", "empty"], "unreachable clean failed", "away empty"),
+    ({}, 1, ["away", "clean"], "unreachable clean", "away clean"),
+    ({}, 9, ["away", "clean", "empty"], "unreachable clean failed", "away empty"),
+    ({}, 9, ["clean"], "clean", ""),
+    ({"valta_uninstall_max_failed": 0}, 1, ["empty", "clean"], "failed not-started", "empty"),
+    # The host that is well would start the next batch, which fails.
+    ({"valta_uninstall_max_failed_total": "30%"}, 2, ["clean", "empty", "away"],
+     "clean failed not-started", "away empty"),
+])
+def test_plain_role_sums_up_and_fails(fleet, name, options, serial, hosts, outcomes, failed):
+    fleet.logs = fleet.directory / "logs/plain" / str(len(list(fleet.directory.glob("logs/plain/*"))))
+    play = fleet.play(playbook=fleet.plain((serial, hosts)), **options)
+    assert (play.status, play.failed) == (2 if failed else 0, set(failed.split()))
+    assert "Results: " in play.stdout
+    assert {name: play.hosts[name]["outcome"] for name in hosts} == dict(
+        zip(hosts, outcomes.split()))
+
+
+@pytest.mark.parametrize("name", ["away empty clean"])
+def test_failure_limit(fleet, name):
+    """It holds for the plays of a call together, and only a call of its own starts anew."""
+    fleet.logs = fleet.directory / "logs/limit"
+    plays = fleet.plain((1, ["away", "empty"]), (1, ["clean"]), valta_uninstall_report_follows=True)
     # The first batch comes to no host, so the second has its limit.
-    play = fleet.play("--limit", "away,failed,clean", valta_uninstall_batch=1,
-                      valta_uninstall_max_failed="0, 100%")
-    assert play.status == 2
-    assert play.hosts["failed"]["outcome"] == "failed"
-    assert play.hosts["clean"]["outcome"] == "not-started"
+    play = fleet.play(playbook=plays, valta_uninstall_max_failed="0, 100%")
+    assert (play.status, play.failed) == (2, {"away", "empty", "clean"})
+    assert [play.hosts[name]["outcome"] for name in ("away", "empty", "clean")] == [
+        "unreachable", "failed", "not-started"]
+    assert play.stopped["batch"] == 2
+    assert "The failure limit ended the play after batch 2" in play.stdout
+
+
+@pytest.mark.parametrize("name", ["away clean"])
+def test_tag_of_the_plays_leaves_the_report_in(fleet, name):
+    fleet.logs = fleet.directory / "logs/tags"
+    play = fleet.play("--tags", "uninstall", "--limit", "away,clean")
+    assert (play.status, play.failed) == (2, {"away"})
+    again = fleet.play("--tags", "report")
+    assert (again.status, again.failed, again.evidence) == (2, {"away"}, play.evidence)
 
 
 @pytest.mark.parametrize("name", ["done"])
@@ -258,8 +323,8 @@ def test_a_host_that_is_clean_does_not_change(fleet, ran, name):
     fleet.logs = fleet.directory / "logs/second"
     play = fleet.play("--limit", name)
     assert (play.status, play.hosts[name]["outcome"]) == (0, "clean")
-    assert re.search(r"done .* changed=1 ", ran.stdout)
-    assert re.search(r"done .* changed=0 ", play.stdout)
+    assert name in ran.changed
+    assert name not in play.changed
     assert "TASK" not in fleet.play("--limit", f"@{play.evidence}/again").stdout
 
 

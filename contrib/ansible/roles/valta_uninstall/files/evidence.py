@@ -2,8 +2,9 @@
 """Keeps the results of a play on the controller, and sums them up.
 
     evidence.py open LOGS [--play DIRECTORY] [--check] [--limited]
-                                                       <{"all": [HOST...], "batch": [HOST...]}
-    evidence.py judge DIRECTORY [--max-failed LIMITS]  <{HOST: {"found"} or {"outcome", "reason"}}
+                                            <{"all": [HOST...], "batch": [HOST...], "last"}
+    evidence.py judge DIRECTORY                        <{HOST: {"found"} or {"outcome", "reason"}}
+    evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT] <{"hosts": [HOST...]}
     evidence.py report LOGS [--play DIRECTORY] [--check]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
@@ -37,7 +38,9 @@ ADVICE = {
     "unreachable": "see to the connection",
 }
 RECORD = {"outcome": "unknown", "status": None, "reason": "", "blocks": [], "keeps": [],
-          "stays": [], "changed": False, "tries": 0, "evidence": None,
+          "stays": [], "changed": False, "tries": 0, "evidence": None, "version": None,
+          # Whether only an earlier play has had to do with the host.
+          "carried": False,
           # Whether the host may have a run that no play has seen the end of.
           "out": False}
 
@@ -66,6 +69,14 @@ def write(text, *path):
     with open(path + ".new", "w", encoding="utf-8") as file:
         file.write(text)
     os.replace(path + ".new", path)
+
+
+def now(seconds=None):
+    return time.strftime("%Y-%m-%dT%H:%M:%S%z", time.localtime(seconds))
+
+
+def counted(number, noun):
+    return "%d %s%s" % (number, noun, "" if number == 1 else "s")
 
 
 def parse_object(text):
@@ -101,7 +112,7 @@ class Play:
 
     def __init__(self, directory):
         self.directory = directory
-        self.state, self.hosts = {"check": False, "batches": 0}, {}
+        self.state, self.hosts = {"check": False, "batches": [], "stopped": None}, {}
         for line in read(directory, "journal").split("\n"):
             self.take(parse_object(line))  # a line that a full disk cut short says nothing
 
@@ -169,6 +180,7 @@ class Play:
             "changed": bool(ended) and outcome != "nothing-done" and any(
                 source.get(key) for source in (found, rehearsal)
                 for key in ("removed", "unloaded")),
+            "version": plain(found.get("version")) or None,
             "evidence": place}
 
     def explain(self, place, ended):
@@ -200,19 +212,34 @@ class Play:
     def not_done(self):
         return [name for name, record in self.hosts.items() if record["outcome"] not in GOOD]
 
+    def failures(self, names):
+        """Those of the hosts that are not done, with the words to fail with."""
+        return {name: "%s: %s" % (self.hosts[name]["outcome"], " -> ".join(
+            [self.hosts[name]["reason"], *self.next_steps(self.hosts[name])]))
+            for name in names if self.hosts[name]["outcome"] not in GOOD}
+
+    def enter(self, names, earlier):
+        """The records of hosts that this play is to come to."""
+        formers = {name: self.hosts.get(name) for name in names}
+        return {name: not_started(former or earlier.get(name))
+                for name, former in formers.items() if not former or former["carried"]}
+
     def sum_up(self):
         """Writes the summary."""
         hosts = ",\n".join("%s: %s" % (json.dumps(n), json.dumps(r))
                            for n, r in self.hosts.items())
-        write('{"schema": 2,\n%s,\n"hosts": {\n%s\n}}\n' % (
-            ",\n".join("%s: %s" % (json.dumps(k), json.dumps(v)) for k, v in self.state.items()),
+        state = {"schema": 2, **self.state, "versions": sorted(
+            {record["version"] for record in self.hosts.values()} - {None}),
+            "end": now(os.path.getmtime(os.path.join(self.directory, "journal")))}
+        write('{%s,\n"hosts": {\n%s\n}}\n' % (
+            ",\n".join("%s: %s" % (json.dumps(k), json.dumps(v)) for k, v in state.items()),
             hosts), self.directory, "summary.json")
         write("".join(line + "\n" for line in self.lines()), self.directory, "summary.txt")
 
     def totals(self):
         outcomes = [record["outcome"] for record in self.hosts.values()]
-        return "%d hosts%s: %s" % (
-            len(outcomes), " in check mode, where nothing was run" if self.state["check"] else "",
+        return "%s%s: %s" % (
+            counted(len(outcomes), "host"), " in check mode, where nothing was run" if self.state["check"] else "",
             ", ".join("%d %s" % (outcomes.count(o), o) for o in OUTCOMES[::-1] if o in outcomes))
 
     def resume(self):
@@ -220,8 +247,13 @@ class Play:
         return "%d not done; once the reasons are gone, add to the command: --limit @%s" % (
             count, os.path.join(self.directory, "again")) if count else "All are done."
 
+    def stop(self):
+        stopped = self.state["stopped"]
+        return ["The failure limit ended the play after batch %(batch)d, at %(time)s: %(reason)s"
+                % stopped] if stopped else []
+
     def lines(self):
-        yield from (self.totals(), self.resume(), "Evidence: " + self.directory)
+        yield from (self.totals(), *self.stop(), self.resume(), "Results: " + self.directory)
         width = max(map(len, self.hosts), default=0)
         for outcome in OUTCOMES:
             group = [(n, r) for n, r in self.hosts.items() if r["outcome"] == outcome]
@@ -247,7 +279,7 @@ class Play:
         return steps or filter(None, [ADVICE.get(record["outcome"])])
 
 
-def new_play(options, names):
+def new_play(options):
     latest = os.path.join(options.path, "latest-check" if options.check else "latest")
     earlier = Play(latest).hosts
     name = time.strftime("%Y-%m-%dT%H-%M-%S") + ("-check" if options.check else "")
@@ -261,9 +293,9 @@ def new_play(options, names):
         except FileExistsError:
             pass
     play = Play(directory)
-    hosts = earlier if options.limited else {}
-    hosts.update({name: not_started(earlier.get(name)) for name in names})
-    play.add(hosts, check=options.check)
+    hosts = {name: {**record, "carried": True} for name, record in earlier.items()}
+    play.add(hosts if options.limited else {}, check=options.check, start=now(),
+             earlier=os.path.realpath(latest))
     if os.path.lexists(latest + ".new"):
         os.remove(latest + ".new")
     os.symlink(os.path.basename(directory), latest + ".new")
@@ -272,23 +304,30 @@ def new_play(options, names):
 
 
 def open_play(options, told):
-    play = Play(options.play) if options.play else new_play(options, told["all"])
-    play.add({name: {**RECORD, "reason": "the play ended before the host was judged",
-                     "out": play.hosts.get(name, RECORD)["out"]} for name in told["batch"]})
-    print(play.directory)
+    play = Play(options.play) if options.play else new_play(options)
+    play.add(play.enter(told["all"], Play(play.state["earlier"]).hosts))
+    if not play.state["stopped"]:
+        play.add({name: {**RECORD, "reason": "the play ended before the host was judged",
+                         "tries": play.hosts[name]["tries"], "out": play.hosts[name]["out"]}
+                  for name in told["batch"]},
+                 batches=play.state["batches"] + [{"start": now(), "hosts": len(told["batch"])}])
+    print(json.dumps({"play": play.directory, "stop": bool(play.state["stopped"]),
+                      "last": told["last"], "failures": play.failures(told["batch"])}))
 
 
 def limits_of(text):
     """The limits by batch: a number, a percentage, or a list of them as Ansible prints it."""
     limits = re.sub(r"[][\s'\"]", "", text).split(",")
     if not all(re.fullmatch(r"\d+(\.\d+)?%?", limit) for limit in limits):
-        raise argparse.ArgumentTypeError("valta_uninstall_max_failed makes no sense: " + text)
+        raise argparse.ArgumentTypeError("%s is no number, percentage or list of them" % text)
     return limits
 
 
-def is_beyond(limits, batch, failed, hosts):
-    limit = limits[min(batch, len(limits) - 1)]
-    return failed > (hosts * float(limit[:-1]) / 100 if limit.endswith("%") else float(limit))
+def excess(limit, failed, hosts, where):
+    """In words that more hosts have failed than the limit lets; nothing when they have not."""
+    most = hosts * float(limit[:-1]) / 100 if limit.endswith("%") else float(limit)
+    return "%d of %s%s failed, the limit is %s" % (
+        failed, counted(hosts, "host"), where, limit) if failed > most else ""
 
 
 def judge(options, told):
@@ -303,20 +342,33 @@ def judge(options, told):
                 **RECORD, "reason": plain("the results cannot be read: %s" % (
                     str(error) or type(error).__name__)),
                 "evidence": fetched if os.path.exists(fetched) else play.directory}
-    outcomes = [record["outcome"] for record in judged.values()]
-    stop = False
-    batches = play.state["batches"]
+    play.add(judged)
+    print(json.dumps({n: {"outcome": r["outcome"], "changed": r["changed"]}
+                      for n, r in judged.items()}))
+
+
+def settle(options, told):
+    """Closes a batch, or with no limits a try of busy hosts."""
+    play = Play(options.path)
+    hosts = {name: play.hosts[name] for name in told["hosts"]}
     if options.max_failed:
-        failed = sum(outcome in FAILED for outcome in outcomes)
-        stop = is_beyond(options.max_failed, batches, failed, len(told))
+        *earlier, batch = play.state["batches"]
+        failed = [name for name, record in hosts.items() if record["outcome"] in FAILED]
         # A batch that came to no host has shown nothing.
-        batches += any(o not in ("busy", "unreachable") for o in outcomes)
-    play.add(judged, batches=batches)
+        shown = any(r["outcome"] not in ("busy", "unreachable") for r in hosts.values())
+        number = min(sum(b["shown"] for b in earlier), len(options.max_failed) - 1)
+        batch.update(end=now(), failed=len(failed), shown=shown, limit=options.max_failed[number])
+        entered = [record for record in play.hosts.values() if not record["carried"]]
+        reason = excess(batch["limit"], len(failed), len(hosts), " in the batch") or excess(
+            options.max_failed_total, sum(r["outcome"] in FAILED for r in entered), len(entered),
+            " in all")
+        stopped = {"batch": len(earlier) + 1, "time": now(), "reason": reason, "hosts": failed}
+        play.add(batches=[*earlier, batch],
+                 stopped=stopped if reason and not play.state["check"] else None)
     print(json.dumps({
-        "hosts": {n: {"outcome": r["outcome"], "changed": r["changed"]} for n, r in judged.items()},
-        "again": [n for n, r in judged.items() if r["outcome"] == "busy" or r["out"]],
-        "stop": stop,
-    }))
+        "again": [n for n, r in hosts.items() if r["outcome"] == "busy" or r["out"]],
+        "stop": bool(play.state["stopped"]), "failures": play.failures(hosts),
+        "all_failed": len(play.failures(hosts)) == len(hosts)}))
 
 
 def report(options):
@@ -325,24 +377,33 @@ def report(options):
     if not play.hosts:
         sys.exit("there is no summary in " + play.directory)
     play.sum_up()
-    print(read(play.directory, "summary.txt"), end="")
-    return 3 if play.not_done() else 0
+    print(json.dumps({
+        "lines": list(play.lines()),
+        "failures": play.failures(n for n, r in play.hosts.items() if not r["carried"])}))
+
+
+class Parser(argparse.ArgumentParser):
+    def error(self, message):
+        """Without the usage, since Ansible shows it as one long line."""
+        sys.exit(message)
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("verb", choices=("open", "judge", "report"))
+    parser = Parser()
+    parser.add_argument("verb", choices=("open", "judge", "settle", "report"))
     parser.add_argument("path")
     parser.add_argument("--play")
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--limited", action="store_true")
     parser.add_argument("--max-failed", type=limits_of)
+    parser.add_argument("--max-failed-total", type=lambda text: limits_of(text)[0])
     options = parser.parse_args()
     if options.verb == "report":
-        return report(options)
-    {"open": open_play, "judge": judge}[options.verb](options, json.load(sys.stdin))
-    return 0
+        report(options)
+    else:
+        {"open": open_play, "judge": judge, "settle": settle}[options.verb](
+            options, json.load(sys.stdin))
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()
