@@ -117,6 +117,27 @@ def test_outcome(controller, told, outcome, status, reason):
     assert reason in record["reason"]
 
 
+FINDING = {"severity": "blocks", "text": "The log is a link.", "where": "/a", "do": "rm /a"}
+
+
+@pytest.mark.parametrize("left, outcome, changed, words", [
+    (results(), "done", True, "Nothing is in the way of a run. Nothing was run."),
+    (results(findings=[FINDING]), "blocked", True, "1 not ready for a run"),
+    (results("clean", removed=[]), "clean", False, "Nothing is in the way"),
+    (results("busy", removed=[], unloaded=["zvrfs"]), "busy", True, "1 not ready"),
+    (results("nothing-done"), "nothing-done", False, "1 not ready"),
+])
+def test_check_mode(controller, left, outcome, changed, words):
+    controller.play({"h": {"before.json": left["before.json"]}}, options=["--check"])
+    play = controller.report()
+    assert (play.hosts["h"]["outcome"], play.hosts["h"]["changed"]) == (outcome, changed)
+    assert words in play.text
+    assert "All are done" not in play.text
+    # A run changes the same.
+    controller.play({"h": left}, options=[])
+    assert controller.report().hosts["h"]["changed"] == changed
+
+
 @pytest.mark.parametrize("limits, total, batches, started", [
     ("0", "100%", [{"a": DONE}, {"b": FAILED}, {"c": DONE}], 2),
     ("1", "100%", [{"a": FAILED}, {"b": FAILED}, {"c": DONE}], 3),

@@ -63,6 +63,7 @@ HOSTS = {  # the first one is a batch of its own
     "kept": Host(("kept", 0), f"""echo changed >'etc/{{{{7*7}}}}'
 sed -i '2i FILE /etc/{{{{7*7}}}} 0' {MANIFEST}""",
                  left=REST | {"/etc/{{7*7}}"}),
+    "tooled": Host(("kept", 0), f"echo 'FILE /sbin/depmod 0' >>{MANIFEST}", check="blocked"),
     "failed": Host(("failed", 5), wrap("sbin/depmod", "exit 1"), left=REST | ASIDE,
                    variables=MODULES),
     "clean": Host(("clean", 0), f"{TOP}/tests/host/enter . /valta-driver-uninstaller"),
@@ -213,8 +214,9 @@ def checked(fleet):
     # Modules unpack themselves in /tmp, the programs get a place in /root: only times tell.
     times = ("-regex", r".*/hosts/[^/]*/\(tmp\|root\|dev/null\)", "-o")
     before = everything(fleet.hosts, *times)
-    play = fleet.play("--check")
-    play.changes = set(before) ^ set(everything(fleet.hosts, *times))
+    play = fleet.play("--check", "--diff")
+    play.changes = {line for line in set(before) ^ set(everything(fleet.hosts, *times))
+                    if "/tmp/ansible-tmp-" not in line}  # it goes some time after a task
     return play
 
 
@@ -236,6 +238,13 @@ def resumed(fleet, ran):
     return play
 
 
+GOOD = {"done", "kept", "shared", "clean"}
+
+
+def not_done(play):
+    return {name for name, record in play.hosts.items() if record["outcome"] not in GOOD}
+
+
 @pytest.mark.parametrize("name", HOSTS)
 def test_host(fleet, checked, ran, resumed, name):
     host, record = HOSTS[name], ran.hosts[name]
@@ -255,16 +264,18 @@ def test_host(fleet, checked, ran, resumed, name):
         assert resumed.left[name] == fleet.expand(name, REST) | {"/mended"}
 
 
+def test_check_mode_shows_what_a_run_changes(checked, ran):
+    alike = {name for name in checked.hosts if not HOSTS[name].check} | {"tooled"} & set(ran.hosts)
+    assert checked.changed & alike == ran.changed & alike
+    assert checked.failed == not_done(checked)
+    assert not_done(checked) >= {"tooled"} & set(checked.hosts)
+    if "done" in checked.hosts:
+        assert re.search(r"^-/etc/zephanor/settings$", checked.stdout, re.M)
+
+
 def test_neither_check_mode_nor_a_later_play_changes_what_is_there(checked, resumed):
     assert not checked.changes
     assert not resumed.changes
-
-
-GOOD = {"done", "kept", "shared", "clean"}
-
-
-def not_done(play):
-    return {name for name, record in play.hosts.items() if record["outcome"] not in GOOD}
 
 
 def test_every_host_that_is_not_done_fails_with_its_own_reason(ran):

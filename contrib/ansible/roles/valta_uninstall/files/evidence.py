@@ -3,7 +3,7 @@
 
     evidence.py open LOGS [--play DIRECTORY] [--check] [--limited]
                                             <{"all": [HOST...], "batch": [HOST...], "last"}
-    evidence.py judge DIRECTORY                        <{HOST: {"found"} or {"outcome", "reason"}}
+    evidence.py judge DIRECTORY [--diff]               <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT] <{"hosts": [HOST...]}
     evidence.py report LOGS [--play DIRECTORY] [--check]
 
@@ -28,8 +28,8 @@ FILES = ("before.json", "before.err", "after.json", "after.err", "stdout", "stde
 MOST_BYTES = 64 << 20
 GOOD = ("done", "shared", "kept", "clean")
 # What the inspector says, and what only the controller can know.
-OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "unreachable",
-            "not-started") + GOOD
+OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "blocked",
+            "unreachable", "not-started") + GOOD
 # These tell of a run gone wrong; the others that nothing happened, or that all is well.
 FAILED = OUTCOMES[:5]
 ADVICE = {
@@ -162,6 +162,8 @@ class Play:
             outcome, reason = self.explain(place, ended)
         status = ended or found.get("status")
         blocks = findings(found, "blocks")
+        if self.state["check"] and outcome in GOOD and blocks:
+            outcome, reason = "blocked", "a run would end as %s; fix this first" % outcome
         if outcome not in GOOD:
             blocks = blocks or findings(rehearsal, "blocks")
         kept = objects(found, "kept")
@@ -177,7 +179,7 @@ class Play:
             "stays": ["%s (%s)" % (plain(item.get("path")), plain(item.get("reason")))
                       for item in kept],
             # The log names neither configuration nor companion modules: the rehearsal does.
-            "changed": bool(ended) and outcome != "nothing-done" and any(
+            "changed": bool(ended or self.state["check"]) and outcome != "nothing-done" and any(
                 source.get(key) for source in (found, rehearsal)
                 for key in ("removed", "unloaded")),
             "version": plain(found.get("version")) or None,
@@ -244,6 +246,10 @@ class Play:
 
     def resume(self):
         count = len(self.not_done())
+        if self.state["check"]:
+            return "%d not ready for a run; once the reasons are fixed, check with: --limit @%s" % (
+                count, os.path.join(self.directory, "again")) if count else (
+                    "Nothing is in the way of a run. Nothing was run.")
         return "%d not done; once the reasons are gone, add to the command: --limit @%s" % (
             count, os.path.join(self.directory, "again")) if count else "All are done."
 
@@ -330,6 +336,16 @@ def excess(limit, failed, hosts, where):
         failed, counted(hosts, "host"), where, limit) if failed > most else ""
 
 
+def write_difference(place):
+    """Writes what the run removes and unloads, and nothing, for a task to show the difference."""
+    found = [parse_object(read(place, file)) for file in ("before.json", "after.json")]
+    removed = {plain(item.get("path")) for answer in found for item in objects(answer, "removed")}
+    removed |= {"module " + plain(module) for answer in found
+                for module in answer.get("unloaded") or []}
+    write("".join(path + "\n" for path in sorted(removed)), place, "paths")
+    write("", place, "paths.after")
+
+
 def judge(options, told):
     play = Play(options.path)
     judged = {}
@@ -342,8 +358,10 @@ def judge(options, told):
                 **RECORD, "reason": plain("the results cannot be read: %s" % (
                     str(error) or type(error).__name__)),
                 "evidence": fetched if os.path.exists(fetched) else play.directory}
+        if options.diff and judged[name]["changed"]:
+            write_difference(judged[name]["evidence"])
     play.add(judged)
-    print(json.dumps({n: {"outcome": r["outcome"], "changed": r["changed"]}
+    print(json.dumps({n: {key: r[key] for key in ("outcome", "changed", "evidence")}
                       for n, r in judged.items()}))
 
 
@@ -395,6 +413,7 @@ def main():
     parser.add_argument("--play")
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--limited", action="store_true")
+    parser.add_argument("--diff", action="store_true")
     parser.add_argument("--max-failed", type=limits_of)
     parser.add_argument("--max-failed-total", type=lambda text: limits_of(text)[0])
     options = parser.parse_args()
