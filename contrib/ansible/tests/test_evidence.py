@@ -4,7 +4,10 @@ import contextlib
 import importlib.util
 import io
 import json
+import os
 import re
+import signal
+import subprocess
 import sys
 import tarfile
 from pathlib import Path
@@ -48,6 +51,7 @@ class Controller:
 
     def __init__(self, logs):
         self.logs, self.options, self.directory = logs, [], None
+        self.inventory = list("abcdefgh")
 
     def call(self, *arguments, told=None):
         output, sys.stdin = io.StringIO(), io.StringIO(json.dumps(told))
@@ -61,7 +65,7 @@ class Controller:
 
     def open(self, everyone, batch):
         play = ["--play", self.directory] if self.directory else []
-        told = {"all": everyone, "batch": batch, "last": False}
+        told = {"all": everyone, "batch": batch, "last": False, "inventory": self.inventory}
         opened = self.call("open", self.logs, *self.options, *play, told=told)
         self.directory = Path(opened["play"])
         return opened
@@ -174,6 +178,52 @@ def test_resumed_play_takes_over_what_it_does_not_run(controller):
     assert (play.failures, play.again, sorted(play.hosts)) == ({}, ["!all"], ["a", "b", "c"])
     controller.play({"b": DONE})
     assert sorted(controller.report().hosts) == ["b"]
+
+
+def test_host_that_left_the_inventory_leaves_the_summary(controller):
+    controller.play({"a": DONE, "b": FAILED, "c": DONE})
+    controller.inventory.remove("b")
+    controller.play({"c": DONE}, options=["--limited"])
+    assert sorted(controller.report().hosts) == ["a", "c"]
+
+
+def test_resumed_play_comes_past_who_failed_before(controller):
+    """The one that failed stops neither this play nor, after a play that came to nobody, a later
+    one; who fails for the first time still does, and then the limit is that of the first batch."""
+    assert controller.play({"a": DONE}, {"b": FAILED}, {"c": DONE}, {"d": DONE}, limits="0") == 2
+    assert controller.call("order", controller.logs, told={"all": ["a", "b", "c", "e"]}) == {
+        "first": ["a", "c", "e"]}
+    controller.play({"b": AWAY, "c": AWAY, "d": AWAY}, options=["--limited"])
+    assert controller.play({"b": FAILED}, {"c": FAILED}, {"d": DONE}, limits="0, 9",
+                           options=["--limited"]) == 2
+    assert controller.play({"b": FAILED, "c": FAILED, "d": DONE}, {"a": FAILED, "e": DONE},
+                           limits="0, 50%", total="30%", options=["--limited"]) == 2
+    assert "1 of 3 hosts in all failed" in controller.report().text
+    controller.play({"b": DONE, "c": DONE, "a": DONE})
+    assert controller.call("order", controller.logs, told={"all": ["a", "b"]}) == {"first": []}
+
+
+def test_directory_is_locked_while_another_play_uses_it(controller):
+    def child():
+        return subprocess.Popen(["sh", "-c", "sleep 60 & echo $!; wait"], stdout=subprocess.PIPE,
+                                text=True, start_new_session=True)
+    plays = [child(), child()]
+    first, second = (["--owner", play.stdout.readline().strip()] for play in plays)
+    try:
+        controller.play({"a": DONE}, options=first)
+        controller.play({"a": DONE}, options=[*second, "--check"])
+        with pytest.raises(SystemExit, match="another play uses .*: process [0-9]+ on .*, since 2"):
+            controller.play({"a": DONE}, options=second)
+        controller.play({"a": DONE}, options=first)
+        controller.report()
+        controller.play({"a": DONE}, options=second)
+        os.killpg(plays[1].pid, signal.SIGKILL)
+        plays[1].wait()
+        controller.play({"a": DONE}, options=first)
+    finally:
+        for play in plays:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(play.pid, signal.SIGKILL)
 
 
 def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):

@@ -58,6 +58,7 @@ HOLD = "sed -i 's/^zephanor 8126464 2/zephanor 8126464 3/' proc/modules\n"
 HOSTS = {  # the first one is a batch of its own
     "away": Host(("unreachable", None), left=ALL, reason="127.0.0.1", variables={
         "ansible_connection": "ssh", "ansible_port": 1, "ansible_host": "127.0.0.1"}),
+    "empty": Host(("failed", None), f"rm -r {OWN}", own=True, left=ALL, reason="host has no /usr"),
     "done": Host(("done", 0)),
     "own": Host(("done", 0), own=True),
     "kept": Host(("kept", 0), f"""echo changed >'etc/{{{{7*7}}}}'
@@ -67,7 +68,6 @@ sed -i '2i FILE /etc/{{{{7*7}}}} 0' {MANIFEST}""",
     "failed": Host(("failed", 5), wrap("sbin/depmod", "exit 1"), left=REST | ASIDE,
                    variables=MODULES),
     "clean": Host(("clean", 0), f"{TOP}/tests/host/enter . /valta-driver-uninstaller"),
-    "empty": Host(("failed", None), f"rm -r {OWN}", own=True, left=ALL, reason="host has no /usr"),
     # The run has deleted the host's own programs when it fails; the next one has nothing to unload
     # and no file to log.
     "halted": Host(("failed", 140), wrap("usr/sbin/dkms", "[ -e /mended ] || exit 4"), own=True,
@@ -318,6 +318,52 @@ def test_failure_limit(fleet, name):
         "unreachable", "failed", "not-started"]
     assert play.stopped["batch"] == 2
     assert "The failure limit ended the play after batch 2" in play.stdout
+
+
+@pytest.mark.parametrize("name", ["empty clean"])
+@pytest.mark.parametrize("playbook", ["uninstall", "plain"])
+def test_resume_comes_past_a_host_that_cannot_be_mended(fleet, name, playbook):
+    fleet.logs = fleet.directory / "logs/resume" / playbook
+    limits = {"valta_uninstall_batch": 1, "valta_uninstall_max_failed": 0}
+    if playbook == "plain":
+        limits["playbook"] = fleet.plain((1, ["empty", "clean"]))
+    play = fleet.play("--limit", "empty,clean", **limits)
+    assert (play.hosts["clean"]["outcome"], play.stopped["hosts"]) == ("not-started", ["empty"])
+    play = fleet.play("--limit", f"@{play.evidence}/again", **limits)
+    assert (play.status, play.stopped, play.hosts["clean"]["outcome"]) == (2, None, "clean")
+    if playbook == "uninstall":
+        came = re.findall(r"^ok: \[(\w+)\]", play.stdout.split("PLAY [Uninstall")[1], re.M)
+        assert (came[0], play.failed) == ("clean", {"empty"})
+
+
+@pytest.mark.parametrize("name", ["empty clean"])
+def test_strategy_without_batches_is_refused(fleet, name):
+    fleet.logs = fleet.directory / "logs/free"
+    plays = fleet.plain((9, ["empty", "clean"]))
+    plays.write_text(json.dumps([{**json.loads(plays.read_text())[0], "strategy": "free"}]))
+    play = fleet.play(playbook=plays)
+    assert play.status != 0
+    assert "Make the work directory of the run" not in play.stdout
+    assert not fleet.logs.exists()
+
+
+@pytest.mark.parametrize("name", ["clean"])
+def test_second_play_at_once_is_refused(fleet, name):
+    fleet.logs = fleet.directory / "logs/lock"
+    plays = fleet.plain((1, ["clean"]), valta_uninstall_report_follows=True)
+    second = fleet.directory / "second.yml"
+    first, report = json.loads(plays.read_text())
+    second.write_text(json.dumps([first]))
+    command = ["ansible-playbook", "-i", str(fleet.directory / "inventory.json"), str(second), "-e",
+               f"valta_uninstall_log_dir={fleet.logs}"]
+    started = {"command": {"argv": command}, "delegate_to": "localhost", "register": "second",
+               "failed_when": "'another play uses' not in second.stdout"}
+    plays.write_text(json.dumps([first, {
+        "hosts": "clean", "gather_facts": False, "tasks": [started]}, report]))
+    play = fleet.play(playbook=plays)
+    assert play.status == 0
+    assert len(list(fleet.logs.glob("20*"))) == 1
+    assert fleet.play(playbook=second).status == 0
 
 
 @pytest.mark.parametrize("name", ["away clean"])

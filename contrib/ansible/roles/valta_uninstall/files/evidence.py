@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Keeps the results of a play on the controller, and sums them up.
 
-    evidence.py open LOGS [--play DIRECTORY] [--check] [--limited]
-                                            <{"all": [HOST...], "batch": [HOST...], "last"}
+    evidence.py order LOGS                             <{"all": [HOST...]}
+    evidence.py open LOGS [--play DIRECTORY] [--check] [--limited] [--owner PID]
+                       <{"all": [HOST...], "batch": [HOST...], "inventory": [HOST...], "last"}
     evidence.py judge DIRECTORY [--diff]               <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT] <{"hosts": [HOST...]}
-    evidence.py report LOGS [--play DIRECTORY] [--check]
+    evidence.py report LOGS [--play DIRECTORY] [--check] [--owner PID]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
 directory holds "journal", to which every call appends what is new, "again" with the hosts that are
@@ -14,10 +15,12 @@ summary.txt. Whatever a host says is text here, and reaches no terminal but as A
 """
 
 import argparse
+import fcntl
 import json
 import os
 import re
 import shutil
+import subprocess
 import sys
 import tarfile
 import time
@@ -41,6 +44,8 @@ RECORD = {"outcome": "unknown", "status": None, "reason": "", "blocks": [], "kee
           "stays": [], "changed": False, "tries": 0, "evidence": None, "version": None,
           # Whether only an earlier play has had to do with the host.
           "carried": False,
+          # What the last play said that came to the host.
+          "earlier": None,
           # Whether the host may have a run that no play has seen the end of.
           "out": False}
 
@@ -104,7 +109,20 @@ def not_started(former):
     elif former:
         reason += "; before: %(outcome)s: %(reason)s" % former
     out = former and (former["out"] or former["outcome"] == "unknown" and not former["evidence"])
-    return {**RECORD, "outcome": "not-started", "reason": reason, "out": bool(out)}
+    return {**RECORD, "outcome": "not-started", "reason": reason, "out": bool(out),
+            "earlier": last_seen(former)}
+
+
+def last_seen(former):
+    if not former or former["outcome"] in ("not-started", "unreachable"):
+        return former and former["earlier"]
+    return former["outcome"]
+
+
+def is_known(record):
+    """Whether the host has failed in an earlier play. Then the failure limit has counted it, and
+    a resumed play would come no further."""
+    return record["earlier"] in FAILED
 
 
 class Play:
@@ -285,11 +303,10 @@ class Play:
         return steps or filter(None, [ADVICE.get(record["outcome"])])
 
 
-def new_play(options):
+def new_play(options, told):
     latest = os.path.join(options.path, "latest-check" if options.check else "latest")
     earlier = Play(latest).hosts
     name = time.strftime("%Y-%m-%dT%H-%M-%S") + ("-check" if options.check else "")
-    os.makedirs(options.path, exist_ok=True)
     for suffix in range(1, 100):
         try:
             again = "-%d" % suffix if suffix > 1 else ""
@@ -300,7 +317,10 @@ def new_play(options):
             pass
     play = Play(directory)
     hosts = {name: {**record, "carried": True} for name, record in earlier.items()}
-    play.add(hosts if options.limited else {}, check=options.check, start=now(),
+    # Of the hosts that a limited play does not come to.
+    hosts = {name: record for name, record in hosts.items()
+             if options.limited and name in set(told["inventory"])}
+    play.add(hosts, check=options.check, start=now(),
              earlier=os.path.realpath(latest))
     if os.path.lexists(latest + ".new"):
         os.remove(latest + ".new")
@@ -309,12 +329,57 @@ def new_play(options):
     return play
 
 
+def order(options, told):
+    """Prints the hosts that have not failed before, if others have: they come first."""
+    hosts = Play(os.path.join(options.path, "latest")).hosts
+    known = {name for name in told["all"] if last_seen(hosts.get(name)) in FAILED}
+    print(json.dumps({"first": [name for name in told["all"] if known and name not in known]}))
+
+
+def identify(pid):
+    """A running process: its parent, and what tells it from a later one with its number."""
+    try:
+        with open("/proc/%d/stat" % pid) as file:
+            fields = file.read().rpartition(")")[2].split()
+        return int(fields[1]), "%d %s" % (pid, fields[19])
+    except OSError:
+        pass
+    shown = subprocess.run(["ps", "-o", "ppid=,lstart=", "-p", str(pid)], stdout=subprocess.PIPE,
+                           stderr=subprocess.DEVNULL, text=True).stdout.split(None, 1)
+    return (int(shown[0]), "%d %s" % (pid, shown[1].strip())) if shown else (0, "")
+
+
+def lock(options, taken):
+    """Takes the directory for the process of Ansible, whose child is `options.owner`, or leaves
+    it. A play that was killed has left it."""
+    path = os.path.join(options.path, "lock-check" if options.check else "lock")
+    me = {"host": os.uname().nodename, "process": identify(identify(options.owner)[0])[1]}
+    with open(path, "a+") as file:
+        fcntl.flock(file, fcntl.LOCK_EX)
+        file.seek(0)
+        other = parse_object(file.read())
+        same = (other.get("host"), other.get("process")) == (me["host"], me["process"])
+        if other and not same:
+            pid = int(other["process"].split()[0])
+            if other["host"] != me["host"] or identify(pid)[1] == other["process"]:
+                if not taken:
+                    return
+                sys.exit("another play uses %s: process %d on %s, since %s. If it has ended, remove "
+                         "%s" % (options.path, pid, other["host"], other["since"], path))
+        file.truncate(0)
+        if taken:
+            file.write(json.dumps({**me, "since": now()}))
+
+
 def open_play(options, told):
-    play = Play(options.play) if options.play else new_play(options)
+    os.makedirs(options.path, exist_ok=True)
+    if options.owner:
+        lock(options, taken=True)
+    play = Play(options.play) if options.play else new_play(options, told)
     play.add(play.enter(told["all"], Play(play.state["earlier"]).hosts))
     if not play.state["stopped"]:
         play.add({name: {**RECORD, "reason": "the play ended before the host was judged",
-                         "tries": play.hosts[name]["tries"], "out": play.hosts[name]["out"]}
+                         **{key: play.hosts[name][key] for key in ("tries", "out", "earlier")}}
                   for name in told["batch"]},
                  batches=play.state["batches"] + [{"start": now(), "hosts": len(told["batch"])}])
     print(json.dumps({"play": play.directory, "stop": bool(play.state["stopped"]),
@@ -358,11 +423,18 @@ def judge(options, told):
                 **RECORD, "reason": plain("the results cannot be read: %s" % (
                     str(error) or type(error).__name__)),
                 "evidence": fetched if os.path.exists(fetched) else play.directory}
+        judged[name] = {**judged[name], "earlier": play.hosts[name]["earlier"]}
         if options.diff and judged[name]["changed"]:
             write_difference(judged[name]["evidence"])
     play.add(judged)
     print(json.dumps({n: {key: r[key] for key in ("outcome", "changed", "evidence")}
                       for n, r in judged.items()}))
+
+
+def failed_of(hosts):
+    """The hosts that have failed, and of how many, without those that had failed before."""
+    new = {name: record for name, record in hosts.items() if not is_known(record)}
+    return [name for name, record in new.items() if record["outcome"] in FAILED], len(new)
 
 
 def settle(options, told):
@@ -371,15 +443,16 @@ def settle(options, told):
     hosts = {name: play.hosts[name] for name in told["hosts"]}
     if options.max_failed:
         *earlier, batch = play.state["batches"]
-        failed = [name for name, record in hosts.items() if record["outcome"] in FAILED]
-        # A batch that came to no host has shown nothing.
-        shown = any(r["outcome"] not in ("busy", "unreachable") for r in hosts.values())
+        failed, of = failed_of(hosts)
+        # A batch that came to no host has shown nothing, nor one of hosts that had failed before.
+        shown = any(r["outcome"] not in ("busy", "unreachable") and not (
+            is_known(r) and r["outcome"] in FAILED) for r in hosts.values())
         number = min(sum(b["shown"] for b in earlier), len(options.max_failed) - 1)
         batch.update(end=now(), failed=len(failed), shown=shown, limit=options.max_failed[number])
-        entered = [record for record in play.hosts.values() if not record["carried"]]
-        reason = excess(batch["limit"], len(failed), len(hosts), " in the batch") or excess(
-            options.max_failed_total, sum(r["outcome"] in FAILED for r in entered), len(entered),
-            " in all")
+        all_failed, all_of = failed_of(
+            {name: record for name, record in play.hosts.items() if not record["carried"]})
+        reason = excess(batch["limit"], len(failed), of, " in the batch") or excess(
+            options.max_failed_total, len(all_failed), all_of, " in all")
         stopped = {"batch": len(earlier) + 1, "time": now(), "reason": reason, "hosts": failed}
         play.add(batches=[*earlier, batch],
                  stopped=stopped if reason and not play.state["check"] else None)
@@ -395,6 +468,8 @@ def report(options):
     if not play.hosts:
         sys.exit("there is no summary in " + play.directory)
     play.sum_up()
+    if options.owner:
+        lock(options, taken=False)
     print(json.dumps({
         "lines": list(play.lines()),
         "failures": play.failures(n for n, r in play.hosts.items() if not r["carried"])}))
@@ -408,9 +483,10 @@ class Parser(argparse.ArgumentParser):
 
 def main():
     parser = Parser()
-    parser.add_argument("verb", choices=("open", "judge", "settle", "report"))
+    parser.add_argument("verb", choices=("order", "open", "judge", "settle", "report"))
     parser.add_argument("path")
     parser.add_argument("--play")
+    parser.add_argument("--owner", type=int)
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--limited", action="store_true")
     parser.add_argument("--diff", action="store_true")
@@ -420,8 +496,8 @@ def main():
     if options.verb == "report":
         report(options)
     else:
-        {"open": open_play, "judge": judge, "settle": settle}[options.verb](
-            options, json.load(sys.stdin))
+        verbs = {"order": order, "open": open_play, "judge": judge, "settle": settle}
+        verbs[options.verb](options, json.load(sys.stdin))
 
 
 if __name__ == "__main__":
