@@ -94,7 +94,8 @@ class Controller:
 
     def report(self):
         told = self.call("report", self.logs, *self.options, "--play", self.directory)
-        return SimpleNamespace(**told, text="\n".join(told["lines"]), again=(
+        return SimpleNamespace(**told, text="\n".join(told["lines"]), all=(
+            self.directory / "summary.txt").read_text(), again=(
             self.directory / "again").read_text().split(), **json.loads(
                 (self.directory / "summary.json").read_text()))
 
@@ -106,9 +107,14 @@ def controller(tmp_path):
 
 @pytest.mark.parametrize("told, outcome, status, reason", [
     (DONE, "done", 0, "2 paths removed"),
+    (results(removed=[{"path": "/a"}]), "done", 0, "1 path removed"),
+    ({"outcome": "unreachable", "reason": "Failed to connect to the host via ssh: Warning: "
+      "Permanently added 'h' to the list of known hosts.\r\n### private ###\r\nh: refused\r\n"
+      "Connection to h closed."}, "unreachable", None, "^h: refused$"),
     (FAILED, "failed", 5, "depmod failed"),
     (AWAY, "unreachable", None, "no route"),
-    ({**DONE, "after.json": ""}, "unknown", 0, "gave no answer"),
+    ({**DONE, "after.json": ""}, "unknown", 0, "gave no answer$"),
+    ({**DONE, "after.json": "", "after.err": "a\nb"}, "unknown", 0, "gave no answer: b$"),
     ({**DONE, "after.json": results("splendid")["after.json"]}, "unknown", 0, ""),
     ({"status": "0"}, "unknown", 0, "the run wrote no log"),
     ({"before.json": {}}, "unfinished", None, "cut off"),
@@ -118,7 +124,7 @@ def test_outcome(controller, told, outcome, status, reason):
     controller.play({"h": told})
     record = controller.report().hosts["h"]
     assert (record["outcome"], record["status"]) == (outcome, status)
-    assert reason in record["reason"]
+    assert re.search(reason, record["reason"])
 
 
 FINDING = {"severity": "blocks", "text": "The log is a link.", "where": "/a", "do": "rm /a"}
@@ -267,9 +273,35 @@ def test_summary_has_what_to_do(controller):
     text = controller.report().text
     assert "4 hosts: 1 kept, 1 unreachable, 1 busy, 1 failed" in text
     assert f"--limit @{controller.directory}/again" in text
-    for line in ("-> A process uses it: 42: kill 42", "-> see to the reason, then resume",
-                 "-> see to the connection", "/etc/?[31mx (changed) and 1 more"):
+    for line in ("-> A process uses it: 42: kill 42", "-> fix the reason, then resume",
+                 "-> check the connection", "/etc/?[31mx (changed) and 1 more"):
         assert line in text
+
+
+def test_screen_has_a_line_for_each_reason(controller):
+    hosts = {f"r1-n{n}": DONE if n else results(removed=[]) for n in range(50)}
+    hosts.update({f"r2-n{n}": {"outcome": "unreachable", "reason": f"connect to r2-n{n} (10.0.0.{n}) "
+                               "port 22: refused"} for n in range(40)})
+    hosts.update({"r3": AWAY, "r4": FAILED, "r5": {**FAILED, "status": "140"}})
+    controller.play(hosts)
+    play = controller.report()
+    assert play.lines[3:] == [
+        "", " 1  failed          5  depmod failed", "    r4", "    -> fix the reason, then resume",
+        "", " 1  failed        140  depmod failed", "    r5", "    -> fix the reason, then resume",
+        "", "40  unreachable     -  connect to r2-n0 (10.0.0.0) port 22: refused (and the like)",
+        "    r2-n0, r2-n1, r2-n2 and 37 more", "    -> check the connection",
+        "", " 1  unreachable     -  no route", "    r3", "    -> check the connection",
+        "", "50  done            0  0 paths removed (and the like)",
+        "    r1-n0, r1-n1, r1-n2 and 47 more"]
+    assert all(f"\n{name} " in play.all for name in hosts)
+
+
+def test_play_that_was_interrupted_is_resumed(controller):
+    controller.start()
+    controller.open(["a"], ["a"])
+    text = controller.report().text
+    assert "1 host: 1 unknown" in text
+    assert "fix the reason" not in text
 
 
 @pytest.mark.parametrize("refused", ["sparse", "large"])

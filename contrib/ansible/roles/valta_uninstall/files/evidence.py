@@ -29,16 +29,18 @@ FILES = ("before.json", "before.err", "after.json", "after.err", "stdout", "stde
          "status")
 # More than that of one host would only fill the controller's disk.
 MOST_BYTES = 64 << 20
+MOST_REASONS = 40  # on the screen
 GOOD = ("done", "shared", "kept", "clean")
 # What the inspector says, and what only the controller can know.
 OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "blocked",
             "unreachable", "not-started") + GOOD
 # These tell of a run gone wrong; the others that nothing happened, or that all is well.
 FAILED = OUTCOMES[:5]
+CUT_SHORT = "the play ended before the result of this host was known"
 ADVICE = {
-    **dict.fromkeys(FAILED, "see to the reason, then resume"),
+    **dict.fromkeys(FAILED, "fix the reason, then resume"),
     "busy": "stop what uses the driver",
-    "unreachable": "see to the connection",
+    "unreachable": "check the connection",
 }
 RECORD = {"outcome": "unknown", "status": None, "reason": "", "blocks": [], "keeps": [],
           "stays": [], "changed": False, "tries": 0, "evidence": None, "version": None,
@@ -56,9 +58,17 @@ def plain(value):
 
 
 def sentence(finding):
-    """The finding in a line: the place is told if the text does not name it."""
+    """The finding in a line, with its place if the text does not name it."""
     text, where, do = (plain(finding.get(key)) for key in ("text", "where", "do"))
-    return ": ".join(filter(None, (text.rstrip("."), "" if where in text else where, do)))
+    return ": ".join(filter(None, (text.rstrip(".: "), "" if where in text else where, do)))
+
+
+def reason_of(message):
+    """The line of Ansible's message that says why, without the words of ssh around it."""
+    lines = [re.sub(r"^Failed to connect to the host via ssh: ", "", line).strip()
+             for line in message.splitlines()]
+    noise = r"Warning: Permanently added|(Shared c|C)onnection to \S+ closed|#|\*|$"
+    return plain(([line for line in lines if not re.match(noise, line)] or lines or [""])[-1])
 
 
 def read(*path):
@@ -162,7 +172,7 @@ class Play:
         if outcome == "unreachable" and former["out"]:
             outcome = "lost"
         if outcome:
-            return {**RECORD, "outcome": outcome, "reason": plain(told["reason"]), "tries": tries,
+            return {**RECORD, "outcome": outcome, "reason": reason_of(told["reason"]), "tries": tries,
                     "out": former["out"] or outcome in ("lost", "unfinished")}
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
         self.unpack(name, place)
@@ -189,7 +199,8 @@ class Play:
         return {
             **RECORD,
             "outcome": outcome if outcome in OUTCOMES else "unknown",
-            "reason": reason or "%d paths removed" % len(objects(found, "removed")),
+            "reason": reason or counted(len(objects(found, "removed")), "path") + (
+                " to remove" if self.state["check"] else " removed"),
             "status": None if status is None else int(status),
             "blocks": [sentence(item) for item in blocks],
             "keeps": [sentence(item) for item in findings(found, "keeps")
@@ -210,7 +221,7 @@ class Play:
         if ended and not read(place, "log"):
             return "unknown", "the run wrote no log"
         errors = read(place, "before.err" if self.state["check"] else "after.err").splitlines()
-        return "unknown", plain("valta-driver-inspect gave no answer: " + "".join(errors[-1:]))
+        return "unknown", plain(": ".join(["valta-driver-inspect gave no answer", *errors[-1:]]))
 
     def unpack(self, name, place):
         """Of an archive that a host made nothing but the known files is taken, by name, and no
@@ -268,7 +279,7 @@ class Play:
             return "%d not ready for a run; once the reasons are fixed, check with: --limit @%s" % (
                 count, os.path.join(self.directory, "again")) if count else (
                     "Nothing is in the way of a run. Nothing was run.")
-        return "%d not done; once the reasons are gone, add to the command: --limit @%s" % (
+        return "%d not done; once the reasons are fixed, add to the command: --limit @%s" % (
             count, os.path.join(self.directory, "again")) if count else "All are done."
 
     def stop(self):
@@ -276,27 +287,68 @@ class Play:
         return ["The failure limit ended the play after batch %(batch)d, at %(time)s: %(reason)s"
                 % stopped] if stopped else []
 
+    def head(self):
+        return [self.totals(), *self.stop(), self.resume(), "Results: " + self.directory]
+
+    def line(self, record):
+        """What the summary says of a host, and what to do, in lines of their own."""
+        status = "-" if record["status"] is None else str(record["status"])
+        stays = [] if record["outcome"] == "busy" else record["stays"]
+        kept = "; kept: " + ", ".join(stays[:3]) if stays else ""
+        more = " and %d more" % (len(stays) - 3) if stays[3:] else ""
+        return ["%-12s %4s  %s%s%s" % (record["outcome"], status, record["reason"], kept, more),
+                *("  -> " + text for text in self.next_steps(record))]
+
+    def groups(self):
+        """The hosts with the same outcome and, but for numbers and the host's name, the same words.
+        The most serious outcome comes first, and of one outcome the largest group."""
+        groups = {}
+        for name, record in self.hosts.items():
+            own = re.compile(r"(?<![\w.-])%s(?![\w-])" % re.escape(name))
+            lines = self.line(record)
+            shape = tuple(re.sub(r"\d+", "N", own.sub("HOST", line)) for line in lines[1:])
+            reason = re.sub(r"\d+", "N", own.sub("HOST", lines[0][18:]))
+            groups.setdefault((lines[0][:18], reason, *shape), []).append((name, lines))
+        return sorted(groups.values(), key=lambda group: (
+            OUTCOMES.index(self.hosts[group[0][0]]["outcome"]), -len(group)))
+
+    def screen(self):
+        """One line for each outcome and reason, with the first hosts."""
+        yield from self.head()
+        groups = self.groups()
+        width = len(str(len(self.hosts)))
+        for group in groups[:MOST_REASONS]:
+            (first, (line, *steps)), names = group[0], [name for name, lines in group[:3]]
+            more = " and %d more" % (len(group) - 3) if group[3:] else ""
+            others = [lines for name, lines in group if lines != group[0][1]]
+            such = " (and the like)" if others else ""
+            yield ""
+            yield "%*d  %s%s" % (width, len(group), line, such)
+            yield "%*s  %s%s" % (width, "", ", ".join(names), more)
+            yield from ("%*s%s" % (width, "", step) for step in steps)
+        if groups[MOST_REASONS:]:
+            yield ""
+            yield "%s more: see summary.txt" % counted(len(groups) - MOST_REASONS, "reason")
+
     def lines(self):
-        yield from (self.totals(), *self.stop(), self.resume(), "Results: " + self.directory)
+        """All hosts."""
+        yield from self.head()
         width = max(map(len, self.hosts), default=0)
         for outcome in OUTCOMES:
             group = [(n, r) for n, r in self.hosts.items() if r["outcome"] == outcome]
             if group:
                 yield ""
             for name, record in group:
-                status = "-" if record["status"] is None else str(record["status"])
-                stays = [] if outcome == "busy" else record["stays"]
-                kept = "; stays: " + ", ".join(stays[:3]) if stays else ""
-                more = " and %d more" % (len(stays) - 3) if stays[3:] else ""
-                yield "%-*s  %-12s %4s  %s%s%s" % (
-                    width, name, outcome, status, record["reason"], kept, more)
-                for text in self.next_steps(record):
-                    yield "%*s  -> %s" % (width, "", text)
+                line, *steps = self.line(record)
+                yield "%-*s  %s" % (width, name, line)
+                yield from ("%*s%s" % (width, "", step) for step in steps)
 
     def next_steps(self, record):
         """What to do for a host, or in check mode what to know of it."""
         if record["out"]:
             return ["the run may be going on: the next play finds it again and judges it"]
+        if record["reason"] == CUT_SHORT:
+            return ["resume"]
         steps = record["blocks"]
         if self.state["check"] or record["outcome"] not in GOOD and not steps:
             steps = steps + record["keeps"][:3]
@@ -378,7 +430,7 @@ def open_play(options, told):
     play = Play(options.play) if options.play else new_play(options, told)
     play.add(play.enter(told["all"], Play(play.state["earlier"]).hosts))
     if not play.state["stopped"]:
-        play.add({name: {**RECORD, "reason": "the play ended before the host was judged",
+        play.add({name: {**RECORD, "reason": CUT_SHORT,
                          **{key: play.hosts[name][key] for key in ("tries", "out", "earlier")}}
                   for name in told["batch"]},
                  batches=play.state["batches"] + [{"start": now(), "hosts": len(told["batch"])}])
@@ -438,7 +490,7 @@ def failed_of(hosts):
 
 
 def settle(options, told):
-    """Closes a batch, or with no limits a try of busy hosts."""
+    """Closes a batch, or without limits a try of busy hosts."""
     play = Play(options.path)
     hosts = {name: play.hosts[name] for name in told["hosts"]}
     if options.max_failed:
@@ -471,7 +523,7 @@ def report(options):
     if options.owner:
         lock(options, taken=False)
     print(json.dumps({
-        "lines": list(play.lines()),
+        "lines": list(play.screen()),
         "failures": play.failures(n for n, r in play.hosts.items() if not r["carried"])}))
 
 
