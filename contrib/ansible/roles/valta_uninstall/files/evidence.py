@@ -142,22 +142,24 @@ class Play:
         self.directory = directory
         self.state, self.hosts = {"check": False, "batches": [], "stopped": None}, {}
         for line in read(directory, "journal").split("\n"):
-            self.take(parse_object(line))  # a line that a full disk cut short says nothing
-
-    def take(self, line):
-        self.state.update(line.get("state", {}))
-        self.hosts.update({n: {**RECORD, **r} for n, r in line.get("hosts", {}).items()})
+            line = parse_object(line)  # one that a full disk cut short says nothing
+            self.state.update(line.get("state", {}))
+            self.hosts.update(line.get("hosts", {}))
+        self.hosts = {name: {**RECORD, **record} for name, record in self.hosts.items()}
 
     def add(self, hosts=(), **state):
         """Appends to the journal: records of hosts, without what is as in all, and the state."""
-        hosts = {name: {key: value for key, value in record.items() if value != RECORD[key]}
-                 for name, record in dict(hosts).items()}
-        line = {"state": state, "hosts": hosts}
+        self.state.update(state)
+        self.hosts.update(hosts)
+        line = {"state": state, "hosts": {
+            name: {key: value for key, value in record.items() if value != RECORD[key]}
+            for name, record in dict(hosts).items()}}
         with open(os.path.join(self.directory, "journal"), "ab+") as journal:
             if journal.tell() and os.pread(journal.fileno(), 1, journal.tell() - 1) != b"\n":
                 journal.write(b"\n")
             journal.write(json.dumps(line).encode() + b"\n")
-        self.take(line)
+
+    def write_again(self):
         # An empty file would limit a play to nothing, which Ansible takes for all hosts.
         write("\n".join(self.not_done() or ["!all"]) + "\n", self.directory, "again")
 
@@ -266,6 +268,7 @@ class Play:
             ",\n".join("%s: %s" % (json.dumps(k), json.dumps(v)) for k, v in state.items()),
             hosts), self.directory, "summary.json")
         write("".join(line + "\n" for line in self.lines()), self.directory, "summary.txt")
+        self.write_again()
 
     def totals(self):
         outcomes = [record["outcome"] for record in self.hosts.values()]
@@ -428,7 +431,9 @@ def open_play(options, told):
     if options.owner:
         lock(options, taken=True)
     play = Play(options.play) if options.play else new_play(options, told)
-    play.add(play.enter(told["all"], Play(play.state["earlier"]).hosts))
+    if any(name not in play.hosts or play.hosts[name]["carried"] for name in told["all"]):
+        play.add(play.enter(told["all"], Play(play.state["earlier"]).hosts))
+        play.write_again()
     if not play.state["stopped"]:
         play.add({name: {**RECORD, "reason": CUT_SHORT,
                          **{key: play.hosts[name][key] for key in ("tries", "out", "earlier")}}
@@ -508,6 +513,7 @@ def settle(options, told):
         stopped = {"batch": len(earlier) + 1, "time": now(), "reason": reason, "hosts": failed}
         play.add(batches=[*earlier, batch],
                  stopped=stopped if reason and not play.state["check"] else None)
+    play.write_again()
     print(json.dumps({
         "again": [n for n, r in hosts.items() if r["outcome"] == "busy" or r["out"]],
         "stop": bool(play.state["stopped"]), "failures": play.failures(hosts),
