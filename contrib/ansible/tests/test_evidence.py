@@ -51,7 +51,7 @@ class Controller:
 
     def __init__(self, logs):
         self.logs, self.options, self.directory = logs, [], None
-        self.inventory = list("abcdefgh")
+        self.inventory, self.paths = list("abcdefgh"), []
 
     def call(self, *arguments, told=None):
         output, sys.stdin = io.StringIO(), io.StringIO(json.dumps(told))
@@ -65,12 +65,13 @@ class Controller:
 
     def open(self, everyone, batch):
         play = ["--play", self.directory] if self.directory else []
-        told = {"all": everyone, "batch": batch, "last": False, "inventory": self.inventory}
+        told = {"all": everyone, "batch": batch, "last": False, "inventory": self.inventory,
+                "paths": self.paths}
         opened = self.call("open", self.logs, *self.options, *play, told=told)
         self.directory = Path(opened["play"])
         return opened
 
-    def judge(self, hosts, limits="", total="100%"):
+    def judge(self, hosts, limits="", total="100%", after=()):
         """The results of `hosts` by name: what was fetched, or what Ansible told."""
         (self.directory / "fetched").mkdir(exist_ok=True)
         for name, files in hosts.items():
@@ -79,7 +80,8 @@ class Controller:
         told = {n: files if "outcome" in files else {} for n, files in hosts.items()}
         limit = ["--max-failed", limits, "--max-failed-total", total] if limits else []
         judged = self.call("judge", self.directory, told=told)
-        settled = self.call("settle", self.directory, *limit, told={"hosts": list(hosts)})
+        settled = self.call("settle", self.directory, *limit,
+                            told={**{name: "" for name in hosts}, **dict(after)})
         return SimpleNamespace(hosts=judged, **settled)
 
     def play(self, *batches, limits="100%", total="100%", everyone=None, options=()):
@@ -276,6 +278,31 @@ def test_summary_has_what_to_do(controller):
     for line in ("-> A process uses it: 42: kill 42", "-> fix the reason, then resume",
                  "-> check the connection", "/etc/?[31mx (changed) and 1 more"):
         assert line in text
+
+
+def test_host_whose_own_steps_fail_is_not_done(controller):
+    controller.start()
+    controller.open(["a", "b"], ["a", "b"])
+    after = {"a": "scontrol: no slurmctld", "b": "no slurmctld"}
+    assert controller.judge({"a": DONE, "b": BUSY}, "0", after=after).stop
+    hosts = controller.report().hosts
+    assert (hosts["a"]["outcome"], hosts["b"]["outcome"]) == ("failed", "busy")
+    assert hosts["a"]["reason"] == "done; the steps after it failed: scontrol: no slurmctld"
+
+
+def test_paths_are_checked_before_anything_happens(controller, tmp_path):
+    program = tmp_path / "program"
+    for machine, name in ((62, "x86_64"), (183, "aarch64"), (243, "machine 243")):
+        program.write_bytes(b"\x7fELF\2\1" + bytes(12) + machine.to_bytes(2, "little"))
+        controller.paths = [str(program), str(PROGRAM)]
+        controller.start()
+        assert controller.open(["a"], ["a"])["machines"] == {str(program): name, str(PROGRAM): None}
+    controller.logs = tmp_path / "none"
+    for path, words in (("build/program", "is no absolute path"), ("/no/program", "No such file")):
+        controller.paths = [path]
+        with pytest.raises(SystemExit, match=f"{path}.*{words}"):
+            controller.open(["a"], ["a"])
+    assert not controller.logs.exists()
 
 
 def test_screen_has_a_line_for_each_reason(controller):

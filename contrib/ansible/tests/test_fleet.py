@@ -136,7 +136,7 @@ class Fleet:
             "test", "idlelib", "dist-packages", "site-packages", "config-*"))
         (python / "usr/bin").mkdir()
         files = [shutil.copy(sys.executable, python / "usr/bin/python3"), BUILD / PROGRAMS[1]]
-        for tool in "cat chmod cp dd echo env mv sleep stat tar".split():
+        for tool in "cat chmod cp dd echo env mv sleep stat tar uname".split():
             files.append(shutil.copy(shutil.which(tool), python / "usr/bin"))
         found = subprocess.run(["ldd", *files, *Path(stdlib).glob("lib-dynload/*.so")],
                                stdout=subprocess.PIPE, text=True).stdout
@@ -174,7 +174,8 @@ class Fleet:
         done = subprocess.run(
             ["ansible-playbook", "-i", self.directory / "inventory.json", playbook,
              "-e", json.dumps(variables), *options], stdout=subprocess.PIPE, text=True, env={
-                 **os.environ, "HOME": str(self.directory), "ANSIBLE_FORKS": "10",
+                 **os.environ, "HOME": str(self.directory),
+                 "PATH": f"{self.directory}/site:{os.environ['PATH']}", "ANSIBLE_FORKS": "10",
                  "ANSIBLE_ROLES_PATH": str(ANSIBLE / "roles"),
                  "ANSIBLE_CONNECTION_PLUGINS": str(ANSIBLE / "tests/connection")})
         print(done.stdout)
@@ -187,6 +188,27 @@ class Fleet:
             failed={name for name, changed, failed in recap if failed != "0"},
             left={name: self.left(name) for name in self.names},
             **(json.loads(summary.read_text()) if summary.exists() else {"hosts": {}}))
+
+    def steps(self, example):
+        """The variables for an example of the site's own steps, with scripted tools, which write
+        their command lines to `site.log`."""
+        site = self.directory / "site"
+        site.mkdir(exist_ok=True)
+        for tool in ("scontrol", "kubectl"):
+            (site / tool).write_text(f"""#!/bin/sh
+echo "$@" >>{self.directory}/site.log
+[ "$*" != "uncordon ${{STUCK:-}}" ] || {{ echo "no server" >&2; exit 1; }}
+echo State=IDLE+DRAIN\n""")
+            (site / tool).chmod(0o755)
+        guide = (ANSIBLE / "roles/valta_uninstall/README.md").read_text()
+        for name, text in re.findall(r"`([a-z-]+[.]yml)`:\n\n((?:    .*\n)+)", guide):
+            (site / name).write_text(text)
+        return {f"valta_uninstall_{when}": str(site / f"{example}-{when}.yml")
+                for when in ("before", "after")}
+
+    def steps_of(self, name):
+        log = (self.directory / "site.log").read_text().splitlines()
+        return [line.split(maxsplit=1)[-1] for line in log if re.search(rf"\b{name}\b", line)]
 
     def plain(self, *batches, **variables):
         """A playbook with a play for each batch size and list of hosts, and the role in it; with
@@ -222,7 +244,7 @@ def checked(fleet):
 
 @pytest.fixture(scope="module")
 def ran(fleet, checked):
-    return fleet.play()
+    return fleet.play(**fleet.steps("slurm"))
 
 
 @pytest.fixture(scope="module")
@@ -233,7 +255,7 @@ def resumed(fleet, ran):
         (fleet.hosts / name / "mended").touch()
         Path(f"{fleet.hosts}/{name}.cuts").write_text("0")
     before = everything(ran.evidence)
-    play = fleet.play("--limit", f"@{ran.evidence}/again")
+    play = fleet.play("--limit", f"@{ran.evidence}/again", **fleet.steps("kubernetes"))
     play.changes = set(before) ^ set(everything(ran.evidence))
     return play
 
@@ -262,6 +284,61 @@ def test_host(fleet, checked, ran, resumed, name):
     assert resumed.hosts[name]["outcome"] == (host.then or host.run[0])
     if host.then:
         assert resumed.left[name] == fleet.expand(name, REST) | {"/mended"}
+
+
+def test_own_steps_come_before_and_after_each_try(fleet, ran):
+    for name, record in ran.hosts.items():
+        outcomes = {"freed": ["busy", "done"], "busy": ["busy"] * 3, "lost": ["lost"] * 2,
+                    "hung": ["unfinished"] * 2}.get(name, [record["outcome"]])
+        assert fleet.steps_of(name)[:3 * len(outcomes)] == [line for outcome in outcomes for line in (
+            f"nodename={name} state=drain reason=driver", f"show node {name}", f"nodename={name} " + (
+                "state=resume" if outcome in GOOD else f"state=drain reason=driver-{outcome}"))]
+
+
+@pytest.mark.parametrize("name", ["empty clean"])
+def test_own_steps_that_fail(fleet, name, monkeypatch):
+    """They come when the failure limit is exceeded, too; one that fails counts."""
+    fleet.logs = fleet.directory / "logs/steps"
+    plays = fleet.plain((1, ["clean", "empty"]))
+    steps = fleet.steps("kubernetes")
+    monkeypatch.setenv("STUCK", "clean")
+    (fleet.directory / "site.log").unlink(missing_ok=True)
+    play = fleet.play(playbook=plays, valta_uninstall_max_failed=0, **steps)
+    assert (play.failed, play.hosts["clean"]["outcome"]) == ({"clean"}, "failed")
+    assert play.hosts["clean"]["reason"] == "clean; the steps after it failed: no server"
+    assert fleet.steps_of("clean") == ["clean --ignore-daemonsets --timeout=1h", "clean"]
+    assert not fleet.steps_of("empty")
+    (fleet.directory / "site/kubectl").write_text("#!/bin/sh\necho no server >&2; exit 1\n")
+    play = fleet.play(playbook=plays, **steps)
+    assert play.hosts["clean"]["reason"] == "no server"
+    assert "Make the work directory" not in play.stdout
+
+
+@pytest.mark.parametrize("name", ["clean"])
+def test_program_for_each_processor(fleet, name):
+    fleet.logs = fleet.directory / "logs/processor"
+    plays, machine = fleet.plain((1, ["clean"])), os.uname().machine
+    foreign = fleet.directory / "foreign"
+    image = bytearray((BUILD / PROGRAMS[0]).read_bytes())
+    image[18:20] = (62 if machine == "aarch64" else 183).to_bytes(2, "little")
+    foreign.write_bytes(image)
+    shutil.copy(BUILD / PROGRAMS[1], foreign.parent)
+    both = {machine: f"{BUILD}/{PROGRAMS[0]}", "other": str(foreign)}
+    assert fleet.play(playbook=plays, valta_uninstall_program=both).status == 0
+    both[machine] = str(foreign)
+    play = fleet.play(playbook=plays, valta_uninstall_program=both,
+                      valta_uninstall_inspect=f"{BUILD}/{PROGRAMS[1]}")
+    assert re.fullmatch(f"{foreign} is for (aarch64|x86_64), the host is {machine}",
+                        play.hosts["clean"]["reason"])
+    del both[machine]
+    play = fleet.play(playbook=plays, valta_uninstall_program=both,
+                      valta_uninstall_inspect=f"{BUILD}/{PROGRAMS[1]}")
+    assert play.hosts["clean"]["reason"].endswith(f"valta_uninstall_program has none for {machine}")
+    fleet.logs = fleet.directory / "logs/none"
+    for path in ("build/program", "/no/program"):
+        play = fleet.play(playbook=plays, valta_uninstall_program=path)
+        assert (play.status, play.stdout.count("fatal: ")) == (2, 1)
+    assert not fleet.logs.exists()
 
 
 def test_check_mode_shows_what_a_run_changes(checked, ran):

@@ -3,9 +3,11 @@
 
     evidence.py order LOGS                             <{"all": [HOST...]}
     evidence.py open LOGS [--play DIRECTORY] [--check] [--limited] [--owner PID]
-                       <{"all": [HOST...], "batch": [HOST...], "inventory": [HOST...], "last"}
+                       <{"all": [HOST...], "batch": [HOST...], "inventory": [HOST...],
+                        "paths": [PATH...], "last"}
     evidence.py judge DIRECTORY [--diff]               <{HOST: {"found"} or {"outcome", "reason"}}
-    evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT] <{"hosts": [HOST...]}
+    evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT]
+                                                       <{HOST: why the steps after it failed}
     evidence.py report LOGS [--play DIRECTORY] [--check] [--owner PID]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
@@ -426,7 +428,22 @@ def lock(options, taken):
             file.write(json.dumps({**me, "since": now()}))
 
 
+def machine_of(path):
+    """The processor of a program, as uname names it; nothing for a script."""
+    if not os.path.isabs(path):
+        sys.exit("%s is no absolute path" % path)
+    try:
+        with open(path, "rb") as file:
+            head = file.read(20)
+    except OSError as error:
+        sys.exit("%s: %s" % (path, error.strerror))
+    order = {1: "little", 2: "big"}.get(head[5]) if head[:4] == b"\x7fELF" else None
+    number = order and int.from_bytes(head[18:20], order)
+    return number and {62: "x86_64", 183: "aarch64"}.get(number, "machine %d" % number)
+
+
 def open_play(options, told):
+    machines = {path: machine_of(path) for path in told["paths"]}
     os.makedirs(options.path, exist_ok=True)
     if options.owner:
         lock(options, taken=True)
@@ -440,7 +457,8 @@ def open_play(options, told):
                   for name in told["batch"]},
                  batches=play.state["batches"] + [{"start": now(), "hosts": len(told["batch"])}])
     print(json.dumps({"play": play.directory, "stop": bool(play.state["stopped"]),
-                      "last": told["last"], "failures": play.failures(told["batch"])}))
+                      "last": told["last"], "failures": play.failures(told["batch"]),
+                      "machines": machines}))
 
 
 def limits_of(text):
@@ -494,10 +512,19 @@ def failed_of(hosts):
     return [name for name, record in new.items() if record["outcome"] in FAILED], len(new)
 
 
+def after_trouble(record, why):
+    """A host whose own steps after the run failed: it may be drained still."""
+    good = record["outcome"] in GOOD
+    return {**record, "outcome": "failed" if good else record["outcome"], "reason": "%s; %s: %s" % (
+        record["outcome"] if good else record["reason"], "the steps after it failed",
+        reason_of(why))}
+
+
 def settle(options, told):
     """Closes a batch, or without limits a try of busy hosts."""
     play = Play(options.path)
-    hosts = {name: play.hosts[name] for name in told["hosts"]}
+    play.add({name: after_trouble(play.hosts[name], why) for name, why in told.items() if why})
+    hosts = {name: play.hosts[name] for name in told}
     if options.max_failed:
         *earlier, batch = play.state["batches"]
         failed, of = failed_of(hosts)

@@ -3,12 +3,13 @@
 #
 # Puts each PROGRAM there from OWN, the host's directory of programs; one that an earlier run
 # deleted there was put aside in KEPT, the place of real runs. Prints "found" and makes nothing when
-# PLACE has a run that goes on, or one whose end nobody has seen yet.
+# PLACE has a run that goes on, or one whose end nobody has seen yet. Prints the machine's name too.
 set -eu
 umask 077
 place=$1
 kept=$2
 own=$3
+machine=$(uname -m)
 shift 3
 
 is_running() {
@@ -25,7 +26,7 @@ if [ -e "$place/run/pid" ]; then
     tar -cf ../evidence.new -- *
     mv ../evidence.new ../evidence.tar
   fi
-  echo found
+  echo "found $machine"
   exit
 fi
 for program; do
@@ -44,3 +45,4 @@ for program; do
     cp "$kept/$program" "$place/"
   fi
 done
+echo "ready $machine"
