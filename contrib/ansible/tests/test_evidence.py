@@ -79,10 +79,11 @@ class Controller:
                 pack(self.directory / "fetched" / name, files)
         told = {n: files if "outcome" in files else {} for n, files in hosts.items()}
         limit = ["--max-failed", limits, "--max-failed-total", total] if limits else []
-        judged = self.call("judge", self.directory, told=told)
-        settled = self.call("settle", self.directory, *limit,
-                            told={**{name: "" for name in hosts}, **dict(after)})
-        return SimpleNamespace(hosts=judged, **settled)
+        unsettled = ["--unsettled"] if after else limit
+        judged = self.call("judge", self.directory, *unsettled, told=told)
+        if after:
+            judged.update(self.call("settle", self.directory, *limit, told=after))
+        return SimpleNamespace(**judged)
 
     def play(self, *batches, limits="100%", total="100%", everyone=None, options=()):
         """Plays these batches of hosts until the failure limit; returns how many were started."""
@@ -252,6 +253,12 @@ def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
         "found from an earlier play: 2 paths removed")
 
 
+@pytest.mark.parametrize("limit", ["10 %%", "few", "-1"])
+def test_limit_that_makes_no_sense_is_refused_in_a_line(controller, limit):
+    with pytest.raises(SystemExit, match="^argument --max-failed: [^\n]*$"):
+        controller.call("judge", controller.logs, "--max-failed=" + limit, told={})
+
+
 def test_failure_limit_holds_for_later_plays_of_the_call(controller):
     controller.play({"a": DONE, "b": FAILED, "c": FAILED}, limits="1", everyone=["a", "b", "c", "d"])
     assert controller.open(["e", "f"], ["e"])["stop"]
@@ -351,7 +358,7 @@ def test_host_cannot_fill_the_disk(controller, monkeypatch, refused):
             header[148:156] = b"%06o\0 " % sum(header)
             tar.fileobj.write(header)
     verdict = controller.call("judge", controller.directory, told={"a": {}})
-    assert verdict["a"]["outcome"] == "unknown"
+    assert verdict["hosts"]["a"]["outcome"] == "unknown"
     assert refused[:5] in controller.report().hosts["a"]["reason"] or refused == "large"
     assert sum(f.stat().st_size for f in controller.directory.rglob("log")) == 0
     assert refused == "sparse" or not archive.exists()

@@ -5,7 +5,8 @@
     evidence.py open LOGS [--play DIRECTORY] [--check] [--limited] [--owner PID]
                        <{"all": [HOST...], "batch": [HOST...], "inventory": [HOST...],
                         "paths": [PATH...], "last"}
-    evidence.py judge DIRECTORY [--diff]               <{HOST: {"found"} or {"outcome", "reason"}}
+    evidence.py judge DIRECTORY [--diff] [--unsettled] [--max-failed LIMITS
+                      --max-failed-total LIMIT]        <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT]
                                                        <{HOST: why the steps after it failed}
     evidence.py report LOGS [--play DIRECTORY] [--check] [--owner PID]
@@ -502,8 +503,9 @@ def judge(options, told):
         if options.diff and judged[name]["changed"]:
             write_difference(judged[name]["evidence"])
     play.add(judged)
-    print(json.dumps({n: {key: r[key] for key in ("outcome", "changed", "evidence")}
-                      for n, r in judged.items()}))
+    settled = {} if options.unsettled else settle(play, told, options)
+    print(json.dumps({"hosts": {n: {key: r[key] for key in ("outcome", "changed", "evidence")}
+                                for n, r in judged.items()}, **settled}))
 
 
 def failed_of(hosts):
@@ -520,11 +522,9 @@ def after_trouble(record, why):
         reason_of(why))}
 
 
-def settle(options, told):
+def settle(play, names, options):
     """Closes a batch, or without limits a try of busy hosts."""
-    play = Play(options.path)
-    play.add({name: after_trouble(play.hosts[name], why) for name, why in told.items() if why})
-    hosts = {name: play.hosts[name] for name in told}
+    hosts = {name: play.hosts[name] for name in names}
     if options.max_failed:
         *earlier, batch = play.state["batches"]
         failed, of = failed_of(hosts)
@@ -541,10 +541,15 @@ def settle(options, told):
         play.add(batches=[*earlier, batch],
                  stopped=stopped if reason and not play.state["check"] else None)
     play.write_again()
-    print(json.dumps({
-        "again": [n for n, r in hosts.items() if r["outcome"] == "busy" or r["out"]],
-        "stop": bool(play.state["stopped"]), "failures": play.failures(hosts),
-        "all_failed": len(play.failures(hosts)) == len(hosts)}))
+    return {"again": [n for n, r in hosts.items() if r["outcome"] == "busy" or r["out"]],
+            "stop": bool(play.state["stopped"]), "failures": play.failures(hosts),
+            "all_failed": len(play.failures(hosts)) == len(hosts)}
+
+
+def settle_after(options, told):
+    play = Play(options.path)
+    play.add({name: after_trouble(play.hosts[name], why) for name, why in told.items() if why})
+    print(json.dumps(settle(play, told, options)))
 
 
 def report(options):
@@ -575,13 +580,14 @@ def main():
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--limited", action="store_true")
     parser.add_argument("--diff", action="store_true")
+    parser.add_argument("--unsettled", action="store_true")  # "settle" follows
     parser.add_argument("--max-failed", type=limits_of)
     parser.add_argument("--max-failed-total", type=lambda text: limits_of(text)[0])
     options = parser.parse_args()
     if options.verb == "report":
         report(options)
     else:
-        verbs = {"order": order, "open": open_play, "judge": judge, "settle": settle}
+        verbs = {"order": order, "open": open_play, "judge": judge, "settle": settle_after}
         verbs[options.verb](options, json.load(sys.stdin))
 
 
