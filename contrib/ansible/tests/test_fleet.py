@@ -136,7 +136,7 @@ class Fleet:
             "test", "idlelib", "dist-packages", "site-packages", "config-*"))
         (python / "usr/bin").mkdir()
         files = [shutil.copy(sys.executable, python / "usr/bin/python3"), BUILD / PROGRAMS[1]]
-        for tool in "cat chmod cp dd echo env mv sleep stat tar uname".split():
+        for tool in "cat chmod cp dd echo env mv setsid sleep stat tar uname".split():
             files.append(shutil.copy(shutil.which(tool), python / "usr/bin"))
         found = subprocess.run(["ldd", *files, *Path(stdlib).glob("lib-dynload/*.so")],
                                stdout=subprocess.PIPE, text=True).stdout
@@ -460,6 +460,34 @@ def test_a_host_that_is_clean_does_not_change(fleet, ran, name):
     assert name in ran.changed
     assert name not in play.changed
     assert "TASK" not in fleet.play("--limit", f"@{play.evidence}/again").stdout
+
+
+@pytest.mark.parametrize("name", ["own"])
+def test_guide_without_ansible(fleet, name):
+    """The page's commands, with an ssh that enters throwaway hosts."""
+    guide = (TOP / "docs/fleet-without-ansible.md").read_text()
+    script, calls = ("\n".join(line[4:] for line in block.split("\n"))
+                     for block in re.findall(r"\n\n((?:    .*\n|\n(?=    ))+)", guide))
+    here = fleet.directory / "by-hand"
+    here.mkdir()
+    for file in (ANSIBLE / "roles/valta_uninstall/files").glob("*.sh"):
+        shutil.copy(file, here)
+    for program in PROGRAMS:
+        shutil.copy(BUILD / program, here)
+    (here / "uninstall-host").write_text(script)
+    (here / "ssh").write_text(f"""#!/bin/sh
+host=$1; shift
+exec {TOP}/tests/host/enter -m {fleet.hosts}/$host /bin/sh -c "$*"\n""")
+    for program in ("uninstall-host", "ssh"):
+        (here / program).chmod(0o755)
+    (here / "hosts").write_text("first\nsecond\n")
+    for host in ("first", "second"):
+        fleet.lay_out(host, Host(()))
+    told = call("sh", "-ec", calls, cwd=here, env={**os.environ, "PATH": f"{here}:{os.environ['PATH']}"})
+    assert [line.split()[-1] for line in told.splitlines()] == ['"done",'] * 2
+    for host in ("first", "second"):
+        assert not (fleet.hosts / host / PLACE).exists()
+        assert (here / "results" / host / "log").stat().st_size > 0
 
 
 def test_galaxy_takes_the_collection_and_the_role(tmp_path):
