@@ -79,8 +79,7 @@ class Controller:
                 pack(self.directory / "fetched" / name, files)
         told = {n: files if "outcome" in files else {} for n, files in hosts.items()}
         limit = ["--max-failed", limits, "--max-failed-total", total] if limits else []
-        unsettled = ["--unsettled"] if after else limit
-        judged = self.call("judge", self.directory, *unsettled, told=told)
+        judged = self.call("judge", self.directory, *limit, told=told)
         if after:
             judged.update(self.call("settle", self.directory, *limit, told=after))
         return SimpleNamespace(**judged)

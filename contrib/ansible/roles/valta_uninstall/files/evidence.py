@@ -5,8 +5,8 @@
     evidence.py open LOGS [--play DIRECTORY] [--check] [--limited] [--owner PID]
                        <{"all": [HOST...], "batch": [HOST...], "inventory": [HOST...],
                         "paths": [PATH...], "last"}
-    evidence.py judge DIRECTORY [--diff] [--unsettled] [--max-failed LIMITS
-                      --max-failed-total LIMIT]        <{HOST: {"found"} or {"outcome", "reason"}}
+    evidence.py judge DIRECTORY [--diff] [--max-failed LIMITS --max-failed-total LIMIT]
+                                                       <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT]
                                                        <{HOST: why the steps after it failed}
     evidence.py report LOGS [--play DIRECTORY] [--check] [--owner PID]
@@ -503,9 +503,8 @@ def judge(options, told):
         if options.diff and judged[name]["changed"]:
             write_difference(judged[name]["evidence"])
     play.add(judged)
-    settled = {} if options.unsettled else settle(play, told, options)
     print(json.dumps({"hosts": {n: {key: r[key] for key in ("outcome", "changed", "evidence")}
-                                for n, r in judged.items()}, **settled}))
+                                for n, r in judged.items()}, **settle(play, told, options)}))
 
 
 def failed_of(hosts):
@@ -580,7 +579,6 @@ def main():
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--limited", action="store_true")
     parser.add_argument("--diff", action="store_true")
-    parser.add_argument("--unsettled", action="store_true")  # "settle" follows
     parser.add_argument("--max-failed", type=limits_of)
     parser.add_argument("--max-failed-total", type=lambda text: limits_of(text)[0])
     options = parser.parse_args()
