@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,6 +78,14 @@ bool enter(const std::string& root) {
   return chroot(root.c_str()) == 0 && chdir("/") == 0 && getuid() == 0;
 }
 
+/// Whether a dry run can leave the times of access alone. A user namespace may not change which
+/// mounts record them.
+bool keeps_access_times() {
+  struct statvfs mounted {};
+  return getuid() == 0 ||
+         (statvfs(VALTA_SCRATCH, &mounted) == 0 && (mounted.f_flag & ST_NOATIME) != 0);
+}
+
 }  // namespace
 
 void PrintTo(ResultCode code, std::ostream* stream) { *stream << static_cast<int>(code); }
@@ -84,6 +93,7 @@ void PrintTo(ResultCode code, std::ostream* stream) { *stream << static_cast<int
 void PrintTo(ModuleStatus status, std::ostream* stream) { *stream << static_cast<int>(status); }
 
 ThrowawayHost::ThrowawayHost(const std::string& tools) {
+  umask(S_IWGRP | S_IWOTH);  // a looser one makes directories that the inspector does not trust
   std::string pattern = VALTA_SCRATCH "/host-XXXXXX";
   fs::create_directories(VALTA_SCRATCH);
   scratch_ = mkdtemp(pattern.data());
@@ -133,6 +143,7 @@ std::map<std::string, std::string> ThrowawayHost::listing() const {
     lines[entry.path()];  // moves the access times of the directories, so they are taken later
   }
   lines.clear();
+  const bool with_access_times = keeps_access_times();
   for (const auto& entry : fs::recursive_directory_iterator(root_)) {
     const std::string path = entry.path().string().substr(root_.size());
     struct stat status {};
@@ -142,7 +153,7 @@ std::map<std::string, std::string> ThrowawayHost::listing() const {
          << status.st_uid << ":" << status.st_gid << " size " << status.st_size << " modified "
          << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec << " changed "
          << status.st_ctim.tv_sec << "." << status.st_ctim.tv_nsec;
-    if (!path.starts_with("/lib") && path != kInspect) {
+    if (with_access_times && !path.starts_with("/lib") && path != kInspect) {
       line << " accessed " << status.st_atim.tv_sec << "." << status.st_atim.tv_nsec;
     }
     lines[path] = line.str();

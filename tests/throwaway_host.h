@@ -43,7 +43,7 @@ struct Inspection {
 
 /// The root of a throwaway host in a scratch directory, with the machine's own shell, md5sum and
 /// rm, scripted tools and nothing installed. Where it cannot be laid out or entered, the test
-/// fails.
+/// fails. The umask of the test becomes 022.
 class ThrowawayHost {
  public:
   /// With the machine's `tools` besides, words with spaces between them.
@@ -67,8 +67,8 @@ class ThrowawayHost {
   /// Files, links and empty directories, a line each, but for the tools and records of the host.
   [[nodiscard]] std::string files() const;
 
-  /// Every path with mode, owners, size, times and inode; of what the start of a program reads,
-  /// without the time of access.
+  /// Every path with mode, owners, size, times and inode. The time of access is left out for what
+  /// the start of a program reads, and everywhere for a normal user whose mounts record it.
   [[nodiscard]] std::map<std::string, std::string> listing() const;
 
   Outcome run(const Circumstances& circumstances = {});

@@ -2,6 +2,9 @@
 # What the scripts share: what they need of the machine, and where they keep what they make. Source
 # this file from the top of the tree.
 
+# What they make is the same whoever starts them.
+umask 022
+
 # need PACKAGE=PROBE...: makes sure that every PROBE is there, a command or a pattern of absolute
 # paths, and installs the Debian packages of those that are missing, with sudo as a normal user.
 # Where it cannot, it names all that is missing and fails. Call it once, with everything.
