@@ -92,6 +92,10 @@ void PrintTo(ResultCode code, std::ostream* stream) { *stream << static_cast<int
 
 void PrintTo(ModuleStatus status, std::ostream* stream) { *stream << static_cast<int>(status); }
 
+bool machine_allows_mounts() {
+  return std::getenv("VALTA_EXPECT_MOUNTS") != nullptr || script("probe-mounts", "") == 0;
+}
+
 ThrowawayHost::ThrowawayHost(const std::string& tools) {
   umask(S_IWGRP | S_IWOTH);  // a looser one makes directories that the inspector does not trust
   std::string pattern = VALTA_SCRATCH "/host-XXXXXX";

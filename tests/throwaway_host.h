@@ -41,6 +41,10 @@ struct Inspection {
   std::string page;       ///< all that it printed
 };
 
+/// Whether this machine lets throwaway hosts have mounts. Where scripts/test has found that it
+/// does, a mount that fails is a fault.
+[[nodiscard]] bool machine_allows_mounts();
+
 /// The root of a throwaway host in a scratch directory, with the machine's own shell, md5sum and
 /// rm, scripted tools and nothing installed. Where it cannot be laid out or entered, the test
 /// fails. The umask of the test becomes 022.

@@ -57,17 +57,31 @@ needed_to_test=("${needed_to_build[@]}" googletest=/usr/src/googletest/CMakeList
 # shellcheck disable=SC2034
 needed_of_clang=(clang=clang++ libclang-rt-dev='/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.asan*')
 
-# need_hosts chroot|mount: ends the script unless throwaway hosts can be entered here: by chroot
-# alone, which takes a normal user a user namespace, or with mounts of their own.
+# need_hosts chroot|mount: ends the script unless throwaway hosts can be entered here by chroot, for
+# which a normal user needs a user namespace, and, with "mount", have mounts of their own.
 need_hosts() {
-  local spaces=()
-  [ "$1" = chroot ] || spaces+=(--mount)
-  [ "$(id -u)" = 0 ] || spaces+=(--user --map-root-user)
-  PATH=$PATH:/usr/sbin unshare "${spaces[@]}" chroot / true || {
-    echo "Throwaway hosts need what this machine denies to $(id -un): unshare ${spaces[*]}" >&2
-    [ "$(id -u)" = 0 ] || echo "Start this as root, or have user namespaces allowed." >&2
+  local space=() denied
+  [ "$(id -u)" = 0 ] || space=(unshare --user --map-root-user)
+  if ! denied=$(PATH=$PATH:/usr/sbin "${space[@]}" chroot / true 2>&1); then
+    echo "Throwaway hosts need chroot, and $(id -un) may not use it here: $denied" >&2
+    [ "$(id -u)" = 0 ] || echo "Start this with sudo, or allow user namespaces." >&2
     exit 1
-  }
+  fi
+  if [ "$1" = mount ] && ! denied=$(tests/host/probe-mounts); then
+    echo "${0##*/} needs mounts, which this machine denies: $denied." >&2
+    [ "$(id -u)" = 0 ] || echo "Start it with sudo." >&2
+    exit 1
+  fi
+}
+
+# find_mounts WHAT: like need_hosts mount, but returns false where this machine denies mounts, after a
+# sentence about the right that is missing and about WHAT, which is skipped.
+find_mounts() {
+  local denied
+  need_hosts chroot
+  denied=$(tests/host/probe-mounts) && return
+  echo "This machine denies mounts: $denied. Skipped without them: $1." >&2
+  return 1
 }
 
 # make_scratch: makes the directory $scratch below build/ for this run of the script, where programs
