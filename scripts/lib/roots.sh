@@ -6,33 +6,74 @@
 ubuntu_keys=ubuntu-keyring_2021.03.26_all.deb
 ubuntu_keys_sum=0d0e7ed6b112f5d03eabf3c7eb01ebdacf9c57714b279e90495cfc58c8c4520f
 
-# Prints the lines of apt's sources for a release, the newest first of what its mirrors serve.
+# Prints where apt takes the packages from that have this label, if it knows them.
+site_of_apt() {  # LABEL
+  # shellcheck disable=SC2016  # apt expands it
+  apt-get indextargets --format '$(SITE)' "Label: $1" | sort | uniq -c | sort -rn |
+    sed -n '1s/ *[0-9]* //p'
+}
+
+# Prints where debootstrap takes a release from. A release of Ubuntu that it does not know is served
+# where the others are.
+site_of_debootstrap() {  # SUITE
+  local script=/usr/share/debootstrap/scripts/$1
+  [ -e "$script" ] || script=/usr/share/debootstrap/scripts/gutsy
+  # shellcheck disable=SC2034,SC2317  # the script reads the variables and calls the functions
+  (
+    set +eu
+    ARCH=$(dpkg --print-architecture) SUITE=$1
+    default_mirror() { echo "$1" && exit; }
+    # Comes after default_mirror, or alone in the scripts of Debian.
+    mirror_style() { sed -n 's/^DEF_MIRROR="\(.*\)"$/\1/p' /usr/sbin/debootstrap && exit; }
+    # shellcheck source=/dev/null
+    . "$script"
+  )
+}
+
+# Prints the lines of apt's sources for a release, the newest first of what its mirrors serve. The
+# mirror is VALTA_DEBIAN_MIRROR or VALTA_UBUNTU_MIRROR, or that of apt's own sources, or debootstrap's.
 apt_sources() {  # SUITE
-  local debian=http://deb.debian.org ubuntu=http://archive.ubuntu.com/ubuntu
+  local mirror security
   case $1 in
-    sid | forky) echo "deb $debian/debian $1 main" ;;
-    bullseye | bookworm | trixie)
-      echo "deb $debian/debian $1 main"
-      echo "deb $debian/debian $1-updates main"
-      echo "deb $debian/debian-security $1-security main"
+    sid | forky | bullseye | bookworm | trixie)
+      mirror=${VALTA_DEBIAN_MIRROR:-$(site_of_apt Debian)}
+      mirror=${mirror:-$(site_of_debootstrap "$1")}
+      security=${VALTA_DEBIAN_MIRROR:-$(site_of_apt Debian-Security)}
+      security=${security:-$mirror}
+      security=${security%-security}-security
       ;;
-    *) echo "deb $ubuntu $1 main universe" ;;
+    *)
+      mirror=${VALTA_UBUNTU_MIRROR:-$(site_of_apt Ubuntu)}
+      mirror=${mirror:-$(site_of_debootstrap "$1")}
+      ;;
+  esac
+  case $1 in
+    sid | forky) echo "deb $mirror $1 main" ;;
+    bullseye | bookworm | trixie)
+      echo "deb $mirror $1 main"
+      echo "deb $mirror $1-updates main"
+      echo "deb $security $1-security main"
+      ;;
+    *) echo "deb $mirror $1 main universe" ;;
   esac
 }
 
 # Prints the path of the keys that sign a release.
 archive_keys() {  # SUITE
-  local keys=build/roots/ubuntu-keys
-  case $(apt_sources "$1") in
-    *ubuntu*)
+  local keys=build/roots/ubuntu-keys mirror
+  case $1 in
+    sid | forky | bullseye | bookworm | trixie)
+      echo /usr/share/keyrings/debian-archive-keyring.gpg
+      ;;
+    *)
       if [ ! -d $keys ]; then
-        curl -fsSo $keys.deb http://archive.ubuntu.com/ubuntu/pool/main/u/ubuntu-keyring/$ubuntu_keys
+        read -r _ mirror _ < <(apt_sources "$1")
+        curl -fsSo $keys.deb "$mirror/pool/main/u/ubuntu-keyring/$ubuntu_keys"
         sha256sum --quiet -c <<<"$ubuntu_keys_sum  $keys.deb"
         dpkg-deb -x $keys.deb $keys
       fi
       echo $keys/usr/share/keyrings/ubuntu-archive-keyring.gpg
       ;;
-    *) echo /usr/share/keyrings/debian-archive-keyring.gpg ;;
   esac
 }
 
@@ -41,7 +82,7 @@ archive_keys() {  # SUITE
 # shown when it fails.
 bootstrap() {
   local suite=${1%/*} processor=${1#*/} target=$2 log=build/roots/log-$$ keys
-  need mmdebstrap=mmdebstrap curl=curl \
+  need mmdebstrap=mmdebstrap curl=curl debootstrap=/usr/share/debootstrap/scripts/gutsy \
     debian-archive-keyring=/usr/share/keyrings/debian-archive-keyring.gpg
   mkdir -p build/roots
   keys=$(archive_keys "$suite")
