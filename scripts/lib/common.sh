@@ -5,11 +5,17 @@
 # What they make is the same whoever starts them.
 umask 022
 
+# With --help, a script prints the comment at its top.
+case ${1:-} in
+  -h | --help) sed -n '2,/^[^#]/s/^# \{0,1\}//p' "scripts/${0##*/}" && exit ;;
+esac
+
 # need PACKAGE=PROBE...: makes sure that every PROBE is there, a command or a pattern of absolute
 # paths, and installs the Debian packages of those that are missing, with sudo as a normal user.
 # Where it cannot, it names all that is missing and fails. Call it once, with everything.
 need() {
-  local pair tool missing=() as_root=() able=yes log
+  local pair tool missing=() packages=() able=yes
+  as_root=()  # of install_packages, too
   for pair in "$@"; do
     case ${pair#*=} in
       /*) compgen -G "${pair#*=}" >/dev/null || missing+=("$pair") ;;
@@ -17,28 +23,67 @@ need() {
     esac
   done
   [ ${#missing[@]} -gt 0 ] || return 0
+  mapfile -t packages < <(printf '%s\n' "${missing[@]%%=*}" | sort -u)
 
   [ "$(id -u)" = 0 ] || as_root=(sudo)
   for tool in apt-get "${as_root[@]}"; do command -v "$tool" >/dev/null || able=no; done
-  if [ $able = no ]; then
+  if [ $able = yes ]; then
+    echo "Installing ${packages[*]}" >&2
+    install_packages "${packages[@]}" && return
+  else
     echo "Missing on this machine; install these and start again:" >&2
     for pair in "${missing[@]}"; do
       echo "  ${pair#*=} (Debian's package ${pair%%=*})" >&2
     done
-    [ "$(id -u)" = 0 ] || command -v sudo >/dev/null ||
-      echo "There is no sudo here either: root can run 'apt-get install ${missing[*]%%=*}'." >&2
-    return 1
   fi
-  echo "Installing ${missing[*]%%=*}" >&2
+  ! command -v apt-get >/dev/null || [ "$(id -u)" = 0 ] ||
+    echo "Root can run: apt-get update && apt-get install ${packages[*]}" >&2
+  return 1
+}
+
+# install_packages PACKAGE...: has apt install them, by $as_root. The lists of a source that cannot be
+# read stay as they are.
+install_packages() {
+  local log
   log=$(mktemp)
-  if ! { "${as_root[@]}" apt-get update &&
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-      apt-get install -y --no-install-recommends "${missing[@]%%=*}"; } >"$log" 2>&1; then
+  if ! run_apt "$log" update; then
+    grep '^[EW]: ' "$log" >&2 || true
+    echo "apt-get update failed; going on with the lists of packages that are there." >&2
+  fi
+  if ! run_apt "$log" install -y --no-install-recommends "$@"; then
     cat "$log" >&2
     rm "$log"
     return 1
   fi
   rm "$log"
+}
+
+# run_apt LOG ARGUMENT...: runs apt-get, by $as_root. Says now and then how far it is, and waits, ten
+# minutes at most, while another program has locked apt.
+run_apt() {
+  local log=$1 apt end=$((SECONDS + 600)) next holder
+  shift
+  while true; do
+    next=$((SECONDS + 3))
+    # In the background, where a shell has ctrl-c ignored: apt ends, too, when dpkg has done what it
+    # was told.
+    env --default-signal=INT "${as_root[@]}" env LC_ALL=C DEBIAN_FRONTEND=noninteractive \
+      apt-get "$@" >"$log" 2>&1 &
+    apt=$!
+    while [ -d /proc/$apt ]; do
+      sleep 0.2
+      [ $SECONDS -lt $next ] || {
+        next=$((SECONDS + 10))
+        tail -n 1 "$log" | cut -c 1-90 | sed 's/^/  /' >&2
+      }
+    done
+    wait $apt && return
+    grep -qE '^E: (Could not get lock|Unable to lock)' "$log" || return
+    [ $SECONDS -lt $end ] || return
+    holder=$(sed -n 's/.*held by process \(.*\)/\1/p' "$log" | head -n 1)
+    echo "Waiting for another program that uses apt${holder:+, process $holder}" >&2
+    sleep 5
+  done
 }
 
 # The path of a static library, or its bare name where the compiler $1 has none.
@@ -85,12 +130,16 @@ find_mounts() {
 }
 
 # make_scratch: makes the directory $scratch below build/ for this run of the script, where programs
-# may be executed; it goes with the script. What a killed one left goes with the next.
+# may be executed; it goes with the script. What a killed one left goes with the next. Call it first:
+# where nothing can be written, it ends the script with a sentence.
 make_scratch() {
   local left
-  mkdir -p build
+  if [ ! -e build ] && ! mkdir build 2>/dev/null; then
+    echo "$(id -un) cannot write to $PWD, which is read-only or $(stat -c %U .)'s; use a clone." >&2
+    exit 1
+  fi
   [ -w build ] || {
-    echo "build/ is $(stat -c %U build)'s, from a run as another user; give it to $(id -un)." >&2
+    echo "build/ is read-only, or $(stat -c %U build)'s from another run; give it to $(id -un)." >&2
     exit 1
   }
   for left in build/scratch-*; do
@@ -107,3 +156,5 @@ clean_up() {
     chown -R --no-dereference --reference=. build
 }
 trap clean_up EXIT
+# Without it the script would go on when the program that ctrl-c interrupts ends by itself.
+trap 'exit 130' INT
