@@ -22,6 +22,8 @@ need() {
       *) command -v "${pair#*=}" >/dev/null || missing+=("$pair") ;;
     esac
   done
+  [[ " $*" != *" cmake="* ]] || ! command -v cmake >/dev/null ||
+    check_cmake "$(cmake --version | sed -n '1s/.* //p')" || exit
   [ ${#missing[@]} -gt 0 ] || return 0
   mapfile -t packages < <(printf '%s\n' "${missing[@]%%=*}" | sort -u)
 
@@ -41,6 +43,17 @@ need() {
   return 1
 }
 
+# check_cmake VERSION: fails with a sentence when that is older than CMakeLists.txt demands.
+check_cmake() {
+  local least
+  least=$(sed -n 's/^cmake_minimum_required(VERSION \(.*\))/\1/p' CMakeLists.txt)
+  [ "$(printf '%s\n' "$least" "$1" | sort -V | head -n 1)" = "$least" ] || {
+    echo "This takes CMake $least or newer, and the one of this system is $1; Debian 12 and Ubuntu" \
+      "22.04 are the oldest releases that have it." >&2
+    return 1
+  }
+}
+
 # install_packages PACKAGE...: has apt install them, by $as_root. The lists of a source that cannot be
 # read stay as they are.
 install_packages() {
@@ -50,6 +63,9 @@ install_packages() {
     grep '^[EW]: ' "$log" >&2 || true
     echo "apt-get update failed; going on with the lists of packages that are there." >&2
   fi
+  [[ " $* " != *" cmake "* ]] ||
+    check_cmake "$(apt-cache policy cmake | sed -n 's/^ *Candidate: //p')" ||
+    { rm "$log" && exit 1; }
   if ! run_apt "$log" install -y --no-install-recommends "$@"; then
     cat "$log" >&2
     rm "$log"
