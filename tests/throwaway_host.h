@@ -47,7 +47,7 @@ struct Inspection {
 
 /// The root of a throwaway host in a scratch directory, with the machine's own shell, md5sum and
 /// rm, scripted tools and nothing installed. Where it cannot be laid out or entered, the test
-/// fails. The umask of the test becomes 022.
+/// fails; where the machine denies chroot, the test is skipped. The umask of the test becomes 022.
 class ThrowawayHost {
  public:
   /// With the machine's `tools` besides, words with spaces between them.
