@@ -74,6 +74,14 @@ install_packages() {
   rm "$log"
 }
 
+# upgrade PACKAGE...: has apt install the newest version of each, as need does.
+upgrade() {
+  as_root=()
+  [ "$(id -u)" = 0 ] || as_root=(sudo)
+  echo "Upgrading what is linked into the programs" >&2
+  install_packages "$@"
+}
+
 # run_apt LOG ARGUMENT...: runs apt-get, by $as_root. Says now and then how far it is, and waits, ten
 # minutes at most, while another program has locked apt.
 run_apt() {
