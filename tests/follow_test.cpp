@@ -214,8 +214,8 @@ std::vector<Situation> all_hosts() {
 class Follows : public testing::TestWithParam<Situation> {
  protected:
   void SetUp() override {
-    if (VALTA_EMULATED) {
-      GTEST_SKIP() << "qemu-user makes no namespaces";
+    if (const std::string reason = reason_not_to_inspect(); !reason.empty()) {
+      GTEST_SKIP() << reason;
     }
     if (geteuid() != 0 && GetParam().mounts.find("chattr") != std::string::npos) {
       GTEST_SKIP() << "only root makes a file immutable";
