@@ -23,8 +23,8 @@ spec.loader.exec_module(evidence)
 
 def results(outcome="done", **more):
     """What a run leaves that ended with this outcome."""
-    answer = {"outcome": outcome, "reason": "", "status": 0, "version": "4.1.0", "findings": [], "kept": [],
-              "removed": [{"path": "/a"}, {"path": "/b"}], **more}
+    answer = {"outcome": outcome, "reason": "", "status": 0, "version": "4.1.0", "findings": [],
+              "kept": [], "removed": [{"path": "/a"}, {"path": "/b"}], **more}
     return {"before.json": answer, "after.json": answer, "status": "0", "log": "text"}
 
 
@@ -259,7 +259,8 @@ def test_limit_that_makes_no_sense_is_refused_in_a_line(controller, limit):
 
 
 def test_failure_limit_holds_for_later_plays_of_the_call(controller):
-    controller.play({"a": DONE, "b": FAILED, "c": FAILED}, limits="1", everyone=["a", "b", "c", "d"])
+    controller.play({"a": DONE, "b": FAILED, "c": FAILED}, limits="1",
+                    everyone=["a", "b", "c", "d"])
     assert controller.open(["e", "f"], ["e"])["stop"]
     play = controller.report()
     assert sorted(play.failures) == ["b", "c", "d", "e", "f"]

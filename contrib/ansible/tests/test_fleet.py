@@ -378,7 +378,8 @@ def test_every_host_that_is_not_done_fails_with_its_own_reason(ran):
      "clean failed not-started", "away empty"),
 ])
 def test_plain_role_sums_up_and_fails(fleet, name, options, serial, hosts, outcomes, failed):
-    fleet.logs = fleet.directory / "logs/plain" / str(len(list(fleet.directory.glob("logs/plain/*"))))
+    number = len(list(fleet.directory.glob("logs/plain/*")))
+    fleet.logs = fleet.directory / "logs/plain" / str(number)
     play = fleet.play(playbook=fleet.plain((serial, hosts)), **options)
     assert (play.status, play.failed) == (2 if failed else 0, set(failed.split()))
     assert "Results: " in play.stdout
@@ -486,7 +487,8 @@ exec {TOP}/tests/host/enter -m {fleet.hosts}/$host /bin/sh -c "$*"\n""")
     (here / "hosts").write_text("first\nsecond\n")
     for host in ("first", "second"):
         fleet.lay_out(host, Host(()))
-    told = call("sh", "-ec", calls, cwd=here, env={**os.environ, "PATH": f"{here}:{os.environ['PATH']}"})
+    told = call("sh", "-ec", calls, cwd=here,
+                env={**os.environ, "PATH": f"{here}:{os.environ['PATH']}"})
     assert [line.split()[-1] for line in told.splitlines()] == ['"done",'] * 2
     for host in ("first", "second"):
         assert not (fleet.hosts / host / PLACE).exists()

@@ -176,8 +176,8 @@ class Play:
         if outcome == "unreachable" and former["out"]:
             outcome = "lost"
         if outcome:
-            return {**RECORD, "outcome": outcome, "reason": reason_of(told["reason"]), "tries": tries,
-                    "out": former["out"] or outcome in ("lost", "unfinished")}
+            return {**RECORD, "outcome": outcome, "reason": reason_of(told["reason"]),
+                    "tries": tries, "out": former["out"] or outcome in ("lost", "unfinished")}
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
         self.unpack(name, place)
         record = self.judge_results(place)
@@ -275,7 +275,8 @@ class Play:
     def totals(self):
         outcomes = [record["outcome"] for record in self.hosts.values()]
         return "%s%s: %s" % (
-            counted(len(outcomes), "host"), " in check mode, where nothing was run" if self.state["check"] else "",
+            counted(len(outcomes), "host"),
+            " in check mode, where nothing was run" if self.state["check"] else "",
             ", ".join("%d %s" % (outcomes.count(o), o) for o in OUTCOMES[::-1] if o in outcomes))
 
     def resume(self):
