@@ -183,7 +183,7 @@ class Play:
         record = self.judge_results(place)
         if told.get("found") and tries == 1:
             record["reason"] = "found from an earlier play: " + record["reason"]
-        return {**record, "tries": tries}
+        return {**record, "tries": tries, "changed": record["changed"] or former["changed"]}
 
     def judge_results(self, place):
         rehearsal = parse_object(read(place, "before.json"))
