@@ -1,6 +1,7 @@
 #include "situations.h"
 
 #include <ostream>
+#include <sys/utsname.h>
 
 #include "uninstall/install_root.h"
 #include "uninstall/manifest.h"
@@ -17,6 +18,12 @@ const std::string kOfed =
 const std::string kStopped = "Error: failed in removing.\nUninstall valta driver zephanor failed.";
 const std::string kUnit = "/lib/systemd/system/u.service";
 const std::string kAnyDigest = "tool /usr/bin/md5sum 'echo digest of $1'; ";
+
+std::string modules_of_kernel() {
+  utsname kernel{};
+  uname(&kernel);
+  return std::string("/lib/modules/") + kernel.release;
+}
 
 std::string dkms_remove(const std::string& version) {
   return "dkms remove valta/" + version + " --all 2>&1 2>&1\n";
@@ -97,14 +104,20 @@ std::vector<Situation> situations() {
        .runs = "rmmod zvr_peer_mem_drv 2>/dev/null\n",
        .unloads = false},
       {.name = "NoDriverAndDepmodFails",
-       .prepare = ": >/proc/modules; tool /sbin/depmod 'echo broken; exit 1'",
+       .prepare = ": >/proc/modules; mkdir -p " + modules_of_kernel() +
+                  "; tool /sbin/depmod 'echo broken; exit 1'",
        .log = "Error: Failed to depmod, modprobe/modinfo might cant find :\nbroken\n\nSuccessfully",
        .outcome = "failed",
        .unloads = false,
        .goes_on = true,
        .pattern = "depmod fails: broken",
-       .mend = "tool /sbin/depmod 'mkdir -p /lib/modules/$(uname -r); "
-               ": >/lib/modules/$(uname -r)/modules.dep'"},
+       .mend = "tool /sbin/depmod ': >" + modules_of_kernel() + "/modules.dep'"},
+      {.name = "DepmodHasNothingToRefresh",
+       .prepare = ": >/proc/modules; tool /sbin/depmod 'echo no directory; exit 1'",
+       .log = "might cant find :\nno directory\n",
+       .finding = "modules-missing",
+       .unloads = false,
+       .goes_on = true},
       {.name = "ConfigurationIsStuck",
        .prepare = "tool /usr/bin/rm '[ $2 != /etc/zephanor ] || { printf held; exit 1; }'; "
                   "file /etc/zephanor/settings",

@@ -89,7 +89,7 @@ Report after(std::optional<int> status, const std::string& console) {
   begin_step("Looking at the host");
   const Installation installation = read_installation();
   check_run({status, console, "", read_log(), dkms_registrations(), path_exists(installation.root),
-             find_in_path_executable("md5sum")},
+             find_in_path_executable("md5sum"), is_directory(kernel_module_directory())},
             report);
   for (const char* const file : {kLogPath, kUninstallManifestPath}) {
     if (access(file, R_OK) != 0 && errno == EACCES) {

@@ -52,10 +52,10 @@ void check_inside(const DryRun& run,
                   const std::pair<std::int64_t, std::int64_t>& time_of_earlier_log,
                   const Installation& installation, Report& report) {
   const bool has_log = time_of_log() != time_of_earlier_log;
-  check_run(
-      {run.status, run.console, run.output, has_log ? read_log() : std::nullopt,
-       dkms_registrations(), path_exists(installation.root), find_in_path_executable("md5sum")},
-      report);
+  check_run({run.status, run.console, run.output, has_log ? read_log() : std::nullopt,
+             dkms_registrations(), path_exists(installation.root),
+             find_in_path_executable("md5sum"), is_directory(kernel_module_directory())},
+            report);
   settle_kept(installation, report);
   // What a run leaves that stops on its way is left for the next one.
   if (came_to_the_manifest(report) && !ended_in_the_manifest(report)) {

@@ -90,7 +90,11 @@ void explain(const Failure& failure, Report& report) {
                  failure.object, shell_command("grep -w % /proc/modules", {failure.object}));
       break;
     case FailureKind::depmod:
-      if (report.command == Command::before || !dependencies_are_newer_than_log()) {
+      if (!is_directory(kernel_module_directory())) {
+        report.add("modules-missing",
+                   "There are no modules of the running kernel, so depmod has nothing to refresh.",
+                   kernel_module_directory(), "ls /lib/modules");
+      } else if (report.command == Command::before || !dependencies_are_newer_than_log()) {
         report.add("depmod-fails", "depmod fails" + said(failure.words), "depmod", "depmod");
       }
       break;

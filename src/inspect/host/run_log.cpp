@@ -27,10 +27,14 @@ std::optional<std::string> read_log() {
 
 std::pair<std::int64_t, std::int64_t> time_of_log() { return time_of(kLogPath); }
 
-bool dependencies_are_newer_than_log() {
+std::string kernel_module_directory() {
   utsname kernel{};
   uname(&kernel);
-  return time_of(std::string("/lib/modules/") + kernel.release + "/modules.dep") > time_of_log();
+  return std::string("/lib/modules/") + kernel.release;
+}
+
+bool dependencies_are_newer_than_log() {
+  return time_of(kernel_module_directory() + "/modules.dep") > time_of_log();
 }
 
 std::string full_log_directory() {

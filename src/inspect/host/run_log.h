@@ -13,6 +13,9 @@ namespace valta::inspect {
 /// When the log was last written to or replaced, in seconds and nanoseconds; 0 when there is none.
 [[nodiscard]] std::pair<std::int64_t, std::int64_t> time_of_log();
 
+/// Where the modules of the running kernel are. A container may have none.
+[[nodiscard]] std::string kernel_module_directory();
+
 /// Whether the module dependency data of the running kernel has been refreshed since the log was
 /// last written to.
 [[nodiscard]] bool dependencies_are_newer_than_log();

@@ -102,6 +102,9 @@ inline constexpr auto kFindingTable = std::to_array<FindingRow>({
      "rmmod fails to unload a module."},
     {"module-users", Severity::blocks, StepKind::look, ToldBy::both,
      "A module has users that the kernel does not identify."},
+    {"modules-missing", Severity::note, StepKind::look, ToldBy::both,
+     "There are no modules of the running kernel, such as in a container, so depmod has nothing to "
+     "refresh."},
     {"mount-silent", Severity::blocks, StepKind::look, ToldBy::both,
      "A file system does not answer."},
     {"program-kept", Severity::keeps, StepKind::mend, ToldBy::both,

@@ -17,6 +17,7 @@ struct RunRecord {
   std::vector<std::string> registrations;  ///< what DKMS still has of the module, as paths
   bool installed = false;                  ///< whether the installation root is there
   bool has_md5sum = true;                  ///< whether the host has the tool
+  bool has_kernel_modules = true;          ///< whether there is anything for depmod to refresh
 };
 
 /// Judges a run: sets the outcome, its reason, the status, the texts, and what the log says of the
