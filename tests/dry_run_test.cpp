@@ -100,9 +100,9 @@ class Automount {
   pid_t daemon_ = -1;
 };
 
-#define SKIP_UNLESS_ROOT(what)                        \
-  if (geteuid() != 0) {                               \
-    GTEST_SKIP() << "a normal user may not " << what; \
+#define SKIP_UNLESS_ROOT(what)                          \
+  if (geteuid() != 0) {                                 \
+    GTEST_SKIP() << "a normal user may not " << (what); \
   }
 
 /// The seconds that `body` takes.
