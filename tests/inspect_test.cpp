@@ -15,7 +15,6 @@
 using namespace valta;
 using testing::Contains;
 using testing::HasSubstr;
-using testing::Not;
 
 Names paths_gone(const Listing& before, const Listing& after) {
   Names paths;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -80,12 +81,11 @@ std::string field_of(const char* file, const std::string& name) {
   return "";
 }
 
-std::size_t processes() {
-  std::size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    count += entry.path().filename().string().find_first_not_of("0123456789") == std::string::npos;
-  }
-  return count;
+std::ptrdiff_t processes() {
+  const std::filesystem::directory_iterator entries("/proc");
+  return std::count_if(begin(entries), end(entries), [](const auto& entry) {
+    return entry.path().filename().string().find_first_not_of("0123456789") == std::string::npos;
+  });
 }
 
 rlimit limit_of(__rlimit_resource resource) {

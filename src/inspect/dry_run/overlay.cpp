@@ -336,10 +336,10 @@ Changes Overlay::changes() const {
   Changes all;
   for (std::size_t number = 0; number < layers_.size(); ++number) {
     const Layer& layer = layers_[number];
-    const Changes changes = compare_layers(path_of(layer.lower), layer.directory + "/upper");
+    const Changes in_layer = compare_layers(path_of(layer.lower), layer.directory + "/upper");
     for (const Place& place : places_) {
       if (place.layer == number) {
-        add_shown(changes, place.mount, below(place.mount.root, layer.root), tree, all);
+        add_shown(in_layer, place.mount, below(place.mount.root, layer.root), tree, all);
       }
     }
   }

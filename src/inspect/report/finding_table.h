@@ -165,6 +165,7 @@ static_assert(std::is_sorted(kFindingTable.begin(), kFindingTable.end(),
 class FindingId {
  public:
   // NOLINTNEXTLINE(google-explicit-constructor): where a finding is added, its id is a plain text.
+  // cppcheck-suppress noExplicitConstructor
   consteval FindingId(const char* id)
       : row_(std::find_if(kFindingTable.begin(), kFindingTable.end(),
                           [id](const FindingRow& row) { return row.id == id; })) {

@@ -132,8 +132,8 @@ Verdict check_success(const RunRecord& run, const std::string& log,
   if (has_kept(report, KeptReason::not_compared) && !run.has_md5sum) {
     return {Outcome::failed, "without md5sum no file could be compared"};
   }
-  const bool in_container = contains(log, kInContainer);
-  if (!run.registrations.empty() && !in_container) {
+  const bool left_alone = in_container(report);
+  if (!run.registrations.empty() && !left_alone) {
     return {Outcome::failed, "DKMS keeps " + run.registrations.front()};
   }
   if (std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
@@ -145,7 +145,7 @@ Verdict check_success(const RunRecord& run, const std::string& log,
   if (contains(log, kNoManifest) && (unloaded > 0 || run.installed)) {
     return {Outcome::failed, "no manifest, so the files have to be removed by hand"};
   }
-  const std::string note = in_container ? "in a container: services and DKMS were left alone" : "";
+  const std::string note = left_alone ? "in a container: services and DKMS were left alone" : "";
   if (has_kept(report, KeptReason::changed) || has_kept(report, KeptReason::not_compared)) {
     return {Outcome::kept, note};
   }
