@@ -47,6 +47,10 @@ TEST_P(Foretells, TheRunAndChangesNothing) {
   } else if (GetParam().outcome == "done") {
     EXPECT_EQ(foretold.status, 0);
   }
+  if (run.log.find("failed in removing.") != std::string::npos) {
+    // What a run leaves that stops on its way is no finding: the next run may remove it.
+    EXPECT_FALSE(all_of(foretold.report["findings"], "id").contains("manifest-left"));
+  }
 
   // What a run came to is judged as it was foretold to be judged.
   const Inspection judged = host.inspect("after --status " + std::to_string(run.status));
