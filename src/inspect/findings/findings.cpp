@@ -14,6 +14,7 @@ std::string systemctl_command(const std::string& command) {
 void look_at_obstacles(const Installation& installation, Report& report) {
   look_at_active_run(report);
   look_at_odd_log(report);
+  look_at_log_space(report);
   look_at_missing_tools(installation, report);
   look_at_manifest(installation, report);
   look_at_units(installation, report);
@@ -22,7 +23,6 @@ void look_at_obstacles(const Installation& installation, Report& report) {
 }
 
 void look_at_surroundings(const Installation& installation, Report& report) {
-  look_at_log_space(report);
   look_at_mounted_configuration(report);
   look_at_listed_tools(installation, report);
   look_at_outside_entries(installation, report);

@@ -13,13 +13,13 @@ namespace valta::inspect {
 
 /// What makes a run fail, or keep what it could remove, as far as the host shows it without a run:
 /// lines of the manifest, units that systemd would still know, instances without a line, missing
-/// tools, versions that DKMS has elsewhere or without sources, a log that is a link, a run that
-/// goes on.
+/// tools, versions that DKMS has elsewhere or without sources, a log that is a link or has no room,
+/// a run that goes on.
 void look_at_obstacles(const Installation& installation, Report& report);
 
 /// What else is worth knowing before a run: what of the manifest is outside of the stack's
-/// directories, tools that are not the system's, files that others may write to, a log without
-/// room, mounts at the configuration paths, an initial ramdisk that holds a module (by its lister).
+/// directories, tools that are not the system's, files that others may write to, mounts at the
+/// configuration paths, an initial ramdisk that holds a module (by its lister).
 void look_at_surroundings(const Installation& installation, Report& report);
 
 /// What the run of `report` removes that no digest protects.

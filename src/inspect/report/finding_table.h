@@ -73,7 +73,7 @@ inline constexpr auto kFindingTable = std::to_array<FindingRow>({
     {"initrd-holds", Severity::note, StepKind::mend, ToldBy::both,
      "The initial ramdisk of the running kernel holds a module of the stack, and a run does not "
      "rebuild it."},
-    {"log-full", Severity::blocks, StepKind::look, ToldBy::before,
+    {"log-full", Severity::blocks, StepKind::look, ToldBy::both,
      "The file system of the log is full: a run does everything and leaves no record."},
     {"log-odd", Severity::blocks, StepKind::mend, ToldBy::both,
      "The log is a link: a run empties the file that it leads to."},
