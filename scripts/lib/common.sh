@@ -121,7 +121,8 @@ needed_to_build=(g++=g++ g++="$(library g++ libstdc++.a)" libc6-dev=/usr/include
 # What building the tests needs.
 # shellcheck disable=SC2034  # used by those who source this
 needed_to_test=("${needed_to_build[@]}" googletest=/usr/src/googletest/CMakeLists.txt
-  python3-jsonschema=/usr/lib/python3/dist-packages/jsonschema/__init__.py)
+  python3-jsonschema=/usr/lib/python3/dist-packages/jsonschema/__init__.py mount=mount
+  procps=pgrep e2fsprogs=chattr)
 
 # What the fuzz preset needs besides: clang, and the runtime of its sanitizers.
 # shellcheck disable=SC2034
