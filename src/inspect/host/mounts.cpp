@@ -103,9 +103,13 @@ MountTree::MountTree(const std::vector<Mount>& mounts) {
 }
 
 const Mount* MountTree::on(const Mount* below, const std::string& point) const {
-  for (auto next = by_place_.find({below->id, point});
-       next != by_place_.end() && next->second != below;
-       next = by_place_.find({below->id, point})) {
+  // The kernel prints the table in pieces, and a number that it gave anew between two of them can
+  // make a circle.
+  for (std::size_t left = by_place_.size(); left > 0; --left) {
+    const auto next = by_place_.find({below->id, point});
+    if (next == by_place_.end() || next->second == below) {
+      break;
+    }
     below = next->second;
   }
   return below;
