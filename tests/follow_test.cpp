@@ -122,7 +122,7 @@ std::vector<Situation> odd_hosts() {
        .prepare = "file /lib/systemd/system/u.service RefuseManualStop=yes; : >/run/active/u"},
       {.name = "UnitNameForTheShell",
        .manifest = {"SERVICE u;id " + kEmpty},
-       .pattern = "a character that the shell changes",
+       .pattern = "a character that is special",
        .mend = "sed -i '/;id/d' " + kManifest},
       {.name = "UnitThatIsKnownWithoutReason",
        .manifest = {"SERVICE u " + kEmpty},

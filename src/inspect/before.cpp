@@ -119,7 +119,7 @@ void predict(const std::string& program, int timeout, const Installation& instal
 /// Whether this process now sees the host as a dry run needs it; if not, the report says why.
 bool prepare_view(std::vector<std::string>& detached, Report& report) {
   if (geteuid() != 0) {
-    report.reason = "a rehearsal takes root";
+    report.reason = "a dry run needs root";
     return false;
   }
   raise_limits();

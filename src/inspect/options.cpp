@@ -36,14 +36,14 @@ constexpr const char* kHelp =
     "  after   checks what the last run did, and shows what is left\n"
     "\n"
     "  --program FILE     the uninstaller, if not the one beside this program\n"
-    "  --timeout SECONDS  how long the dry run (600), or all looks (60), may take\n"
+    "  --timeout SECONDS  time limit: 600 by default for before, 60 for after\n"
     "  --status N         the exit status of the run\n"
     "  --console FILE     what the run printed on standard error\n"
-    "  --json             one JSON object in the place of the page\n"
-    "  --verbose          every finding, and lists of paths, output and log\n"
+    "  --json             print one JSON object\n"
+    "  --verbose          print every finding, and lists of paths, output and log\n"
     "\n"
-    "Exit status: 0 all is removed; 1 something is kept; 2 the run fails or does\n"
-    "nothing; 3 it cannot be told; 64 wrong usage. Read valta-driver-inspect(8).\n";
+    "Exit status: 0 everything is removed; 1 something is kept; 2 the run fails or does\n"
+    "nothing; 3 the result is unknown; 64 wrong usage. See valta-driver-inspect(8).\n";
 
 constexpr int kTimeoutBefore = 600;
 constexpr int kTimeoutAfter = 60;
@@ -69,7 +69,7 @@ int number_of(const char* option, const std::string& text, int least, int most) 
 std::string default_program() {
   std::string program = program_beside();
   if (program.empty()) {
-    refuse("without /proc it has to be told the --program");
+    refuse("/proc is not mounted: use --program");
   }
   return program;
 }

@@ -159,7 +159,7 @@ std::optional<int> FirstProcess::wait(int timeout, const std::function<bool()>& 
   }
   Message message;
   if (read(report_.get(), &message, sizeof message) != sizeof message) {
-    throw NotPossible("the rehearsal was killed");
+    throw NotPossible("the dry run was killed");
   }
   if (message.error != 0) {
     throw NotPossible(message.tried.data());

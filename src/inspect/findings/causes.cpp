@@ -32,7 +32,7 @@ void look_at_hanging(const std::vector<std::string>& commands, int timeout, Repo
   for (const std::string& command : commands) {
     // Most likely it waits for the last of its arguments.
     const std::string last = command.substr(command.rfind(' ') + 1);
-    report.add("hangs", "After that time a run was waiting for: " + command, command,
+    report.add("hangs", "At that time, the run was waiting for: " + command, command,
                last.starts_with('/') ? shell_command("ls -l %", {last}) : "");
   }
 }
@@ -55,7 +55,7 @@ void look_at_odd_log(Report& report) {
   if (is_symlink(kLogPath)) {
     report.add("log-odd",
                std::string("The log is a link to ") + fs::read_symlink(kLogPath, ignored).string() +
-                   ": a run empties that file.",
+                   ": a run overwrites that file.",
                kLogPath, shell_command("rm %", {kLogPath}));
   } else if (is_directory(kLogPath) ||
              (access(kLogPath, W_OK) != 0 && errno != ENOENT && geteuid() == 0)) {
@@ -93,8 +93,8 @@ void look_at_uncertainty(const std::vector<std::string>& unlike_host,
     });
     if (there > 0) {
       report.add("uncertain",
-                 "The dry run did not have " + counted(static_cast<std::size_t>(there), "path") +
-                     " as the host has them: what is said of them is uncertain.",
+                 "The dry run did not see " + counted(static_cast<std::size_t>(there), "path") +
+                     " as on the host, so what is predicted for them is uncertain.",
                  point, shell_command("findmnt -T %", {point}));
     }
   }

@@ -40,7 +40,7 @@ void look_at_dkms_versions(const Installation& installation, Report& report) {
     if (!has_sources(version)) {
       look_at_broken_version(version, report);
     } else if (!version.starts_with(tree + "/")) {
-      report.add("dkms-tree", "DKMS has " + name + ", and a run looks for it in " + tree + ".",
+      report.add("dkms-tree", "DKMS has " + name + ", but a run looks for it in " + tree + ".",
                  version, shell_command("dkms remove % --all", {name}));
     }
   }

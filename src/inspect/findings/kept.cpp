@@ -33,8 +33,8 @@ void explain_shared(const Installation& installation, Report& report) {
   if (const auto shared = count_kept(report, KeptReason::toolkit); shared > 0) {
     const std::string marker = installation.root + "/" + kToolkitMarker;
     report.add("shared-kept",
-               counted(shared, "shared path") +
-                   " of the manifest is for the toolkit, too. To delete it, uninstall the toolkit.",
+               "Kept for the toolkit: " + counted(shared, "shared path") +
+                   " of the manifest. To delete them, uninstall the toolkit.",
                marker, shell_command("ls -l %", {marker}));
   }
   if (const auto shared = count_kept(report, KeptReason::program); shared > 0) {
@@ -43,9 +43,8 @@ void explain_shared(const Installation& installation, Report& report) {
       return;
     }
     report.add("program-kept",
-               counted(shared, "shared path") +
-                   " of the manifest is kept while the installed copy of the program exists. Move "
-                   "it away and run the program again.",
+               "Kept for the installed copy of the program: " + counted(shared, "shared path") +
+                   " of the manifest. Move the copy away and run the program again.",
                program, shell_command("mv % /root/", {program}));
   }
 }
@@ -124,7 +123,7 @@ void explain_directory(const std::string& path, const std::set<std::string>& kep
 
 void explain_left(const std::string& path, Report& report) {
   report.add("manifest-left",
-             path + " is left: it is not what its entry says, or was put there later.", path,
+             path + " is left: it is not of the type of its entry, or was created later.", path,
              shell_command("ls -ld %", {path}));
 }
 

@@ -57,7 +57,7 @@ std::string reason_to_stop(const ManifestEntry& entry) {
     return entry.type.empty() ? "is empty" : "has the unknown type " + entry.type;
   }
   return target == EntryTarget::directory && is_odd_directory(entry.path)
-             ? "names a directory that is none"
+             ? "names a directory that is not one"
              : "";
 }
 
@@ -100,7 +100,7 @@ std::optional<Damage> damage_of(const ManifestEntry& entry, const std::string& l
   const bool is_absolute = entry.path.starts_with('/') || target == EntryTarget::unit ||
                            target == EntryTarget::dkms_module;
   if (fields.size() < 2 || fields[1].empty() || !is_absolute) {
-    return {{Severity::keeps, "names nothing that could be removed"}};
+    return {{Severity::keeps, "names nothing that can be removed"}};
   }
   if (target == EntryTarget::file && path_exists(entry.path) &&
       (fields.size() < 3 || fields[2].empty())) {
@@ -124,7 +124,7 @@ void look_at_lines(const Installation& installation, Report& report) {
         entry.path.find_first_not_of(kUnitNameCharacters) != std::string::npos) {
       report.add("unit-name",
                  "Line " + number +
-                     " of the manifest names a unit with a character that the shell changes.",
+                     " of the manifest names a unit with a character that is special to the shell.",
                  place_of(line), show_line(line));
     } else if (const auto damage = damage_of(entry, installation.lines[line - 1])) {
       report.add("manifest-line", damage->severity,
@@ -173,7 +173,7 @@ std::string state_of_manifest() {
   if (stat(kUninstallManifestPath, &status) != 0) {
     return "is missing";
   }
-  return S_ISREG(status.st_mode) ? "is empty or cannot be read" : "is no regular file";
+  return S_ISREG(status.st_mode) ? "is empty or cannot be read" : "is not a regular file";
 }
 
 /// The directories that are the stack's own, or hold what it installs for the system.

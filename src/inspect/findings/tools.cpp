@@ -31,7 +31,7 @@ constexpr std::array<Tool, 8> kTools = {{
     {"depmod", "kmod", Severity::blocks, "the module dependency data is not refreshed"},
     {"systemctl", "systemd", Severity::blocks, "the first SERVICE entry ends a run"},
     {"systemd-escape", "systemd", Severity::note, "the slices of templates are not stopped"},
-    {"dkms", "dkms", Severity::keeps, "DKMS keeps what it has of the module"},
+    {"dkms", "dkms", Severity::keeps, "the versions of the module stay in DKMS"},
 }};
 
 constexpr std::array<const char*, 6> kSystemDirectories = {
@@ -63,8 +63,8 @@ void look_at_missing_tools(const Installation& installation, Report& report) {
     const std::string directory = fs::path(unit_file_path("any")).parent_path();
     // As FILE entries the unit files are deleted all the same, if they are unchanged.
     report.add("systemd-missing",
-               "systemd does not run, so the first SERVICE entry ends a run. Make these entries "
-               "those of their unit files.",
+               "systemd does not run, so the first SERVICE entry ends a run. Make them "
+               "FILE entries of their unit files.",
                kUninstallManifestPath,
                shell_command("sed -i.bak -E % %",
                              {"s,^SERVICE ([^ @]+@?)[^ ]* ,FILE " + directory + "/\\1.service ,",
@@ -78,7 +78,7 @@ void look_at_odd_tools(const Installation& installation, Report& report) {
     if (is_needed(tool, installation) && !place.empty() &&
         !is_system_directory(fs::path(place).parent_path())) {
       report.add("tool-odd",
-                 std::string("The first ") + tool.name + " of PATH is not the system's.", place,
+                 std::string("The first ") + tool.name + " in PATH is not the system's.", place,
                  shell_command("ls -l %", {place}));
     }
   }

@@ -59,8 +59,8 @@ void look_at_unit_file(const std::string& unit, const std::string& file, Report&
         file, source.empty() ? shell_command("cat %", {file}) : shell_command("ls -l %", {source}));
   } else {
     report.add("unit-copied",
-               unit + " has a file in another place, so systemd still knows it after a run.", file,
-               copy_and_delete(file) + " && systemctl daemon-reload");
+               unit + " has a file in another directory, so systemd still knows it after a run.",
+               file, copy_and_delete(file) + " && systemctl daemon-reload");
   }
 }
 
@@ -108,12 +108,13 @@ UnitState state_of(int status_of_systemctl) {
 void look_at_unit(const std::string& unit, Report& report) {
   if (is_bare_template(unit)) {
     // With an instance in its place the line has the template's file deleted.
-    report.add("unit-template",
-               unit + " is a template: its instances run on, and systemctl gives no status of it.",
-               unit,
-               shell_command("sed -i % % && systemctl stop %",
-                             {"s/^SERVICE " + unit + " /SERVICE " + template_prefix(unit) + "@0 /",
-                              kUninstallManifestPath, template_prefix(unit) + "@*"}));
+    report.add(
+        "unit-template",
+        unit + " is a template: its instances keep running, and systemctl has no status for it.",
+        unit,
+        shell_command("sed -i % % && systemctl stop %",
+                      {"s/^SERVICE " + unit + " /SERVICE " + template_prefix(unit) + "@0 /",
+                       kUninstallManifestPath, template_prefix(unit) + "@*"}));
     return;
   }
   if (refuses_to_stop(unit)) {
@@ -140,10 +141,11 @@ void look_at_instances(const Installation& installation, Report& report) {
     }
     for (const std::string& instance : instances_of(unit)) {
       if (known.insert(instance).second) {
-        report.add("unit-instance",
-                   instance + " has no line in the manifest: a run leaves it, without its file.",
-                   instance,
-                   systemctl_command(shell_command("systemctl disable --now %", {instance})));
+        report.add(
+            "unit-instance",
+            instance +
+                " has no line in the manifest: a run deletes its unit file, but does not stop it.",
+            instance, systemctl_command(shell_command("systemctl disable --now %", {instance})));
       }
     }
   }
@@ -159,7 +161,7 @@ void look_at_unit_links(const Installation& installation, Report& report) {
         });
     if (is_ours && is_symlink(path) && unit_files(name).empty()) {
       const std::string stop = systemctl_command(shell_command("systemctl stop %; ", {name}));
-      report.add("unit-link", "A link to the unit " + name + ", which is gone, is left.", path,
+      report.add("unit-link", "A link to the removed unit " + name + " is left.", path,
                  stop + shell_command("rm %", {path}));
     }
   }

@@ -22,8 +22,8 @@ namespace {
 
 /// Statuses of a program, or of the shell in its place, that did not come to do anything.
 const std::map<int, const char*> kNeverStarted = {
-    {1, "its log could not be opened, or the program not be loaded"},
-    {7, "it was not root any more"},
+    {1, "its log could not be opened, or the program could not be loaded"},
+    {7, "it lost the rights of root"},
     {126, "the program could not be executed"},
     {127, "the program was not found"},
     {255, "it was not run as root"},
@@ -123,8 +123,9 @@ Verdict check_success(const RunRecord& run, const std::string& log,
   const auto loaded = count(log, kLoaded);
   const auto unloaded = count(log, kUnloaded);
   if (loaded != unloaded) {
-    return {Outcome::failed,
-            "the driver was gone before the run unloaded it, its files stay; run it once more"};
+    return {
+        Outcome::failed,
+        "the driver was unloaded before the run could do it, so its files are left; run it again"};
   }
   if (const auto caught = all_between(lines, kDirectoryFailed, ""); !caught.empty()) {
     return {Outcome::failed, "a directory could not be removed: " + caught.front()};
@@ -134,7 +135,7 @@ Verdict check_success(const RunRecord& run, const std::string& log,
   }
   const bool left_alone = in_container(report);
   if (!run.registrations.empty() && !left_alone) {
-    return {Outcome::failed, "DKMS keeps " + run.registrations.front()};
+    return {Outcome::failed, "DKMS still has " + run.registrations.front()};
   }
   if (std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
         return (contains(line, kFailedToRead) || contains(line, kFailedToOpen)) &&
@@ -143,9 +144,9 @@ Verdict check_success(const RunRecord& run, const std::string& log,
     return {Outcome::failed, "the manifest cannot be read, so files, links and services are left"};
   }
   if (contains(log, kNoManifest) && (unloaded > 0 || run.installed)) {
-    return {Outcome::failed, "no manifest, so the files have to be removed by hand"};
+    return {Outcome::failed, "there is no manifest, so the files have to be removed by hand"};
   }
-  const std::string note = left_alone ? "in a container: services and DKMS were left alone" : "";
+  const std::string note = left_alone ? "in a container: services and DKMS are not touched" : "";
   if (has_kept(report, KeptReason::changed) || has_kept(report, KeptReason::not_compared)) {
     return {Outcome::kept, note};
   }
@@ -167,21 +168,22 @@ Verdict check_by_log(const RunRecord& run, const std::vector<std::string>& lines
   const std::string& log = *run.log;
   // A second run empties the log while the first one goes on writing where it was.
   if (has_nul(log) || count(log, kDriverPrefix) > 1) {
-    return {Outcome::unknown, "two runs have written to the log at once"};
+    return {Outcome::unknown, "two runs wrote to the log at the same time"};
   }
   if (lines.empty() || !lines.back().ends_with(std::string(kClosing) + kLogPath)) {
-    return {Outcome::unfinished,
-            "the log has no closing line: the run goes on, was cut off, or had no room to log"};
+    return {
+        Outcome::unfinished,
+        "the log has no last line: the run is still going, was interrupted, or could not write"};
   }
   if (contains(log, kUtilitiesMissing)) {
     return {Outcome::nothing_done, first_error(lines, run, report)};
   }
   const bool succeeded = contains(log, kSucceeded);
   if (run.status && succeeded != (status == 0)) {
-    return {Outcome::unknown, "the log is of another run than the status"};
+    return {Outcome::unknown, "the log and the exit status are of different runs"};
   }
   if (contains(run.console, succeeded ? kFailed : kSucceeded)) {
-    return {Outcome::unknown, "the log is of another run than the console"};
+    return {Outcome::unknown, "the log and the standard error are of different runs"};
   }
   if (succeeded) {
     return check_success(run, log, lines, report);

@@ -75,31 +75,34 @@ std::string headline(const Report& report) {
   const std::string run = before ? "a run now" : "the last run";
   const std::string status = report.status ? " with status " + std::to_string(*report.status) : "";
   const std::string ends = run + (before ? " would end" : " ended") + status;
+  const std::string keeps = ends + (before ? " and keep " : " and kept ");
   switch (report.outcome) {
     case Outcome::done:
-      return ends + (report.kept.empty() ? ", with nothing left of the manifest"
-                                         : ", with all gone that it can remove");
+      return ends + (before ? " and remove " : " and removed ") +
+             (report.kept.empty() ? "all of the manifest"
+              : before            ? "everything that it can"
+                                  : "everything that it could");
     case Outcome::clean:
-      return ends + ", with nothing there to remove";
+      return ends + (before ? " and find nothing to remove" : " and found nothing to remove");
     case Outcome::kept:
-      return ends + ", and changed files stay";
+      return keeps + "changed files";
     case Outcome::shared:
-      return ends + ", and shared files stay";
+      return keeps + "shared files";
     case Outcome::busy:
-      return ends + ", as a module is in use";
+      return ends + " because a module is in use";
     case Outcome::failed:
-      return ends + (report.status == 0 ? ", but not all of its work succeeded" : "");
+      return ends + (report.status == 0 ? ", but part of its work fails" : "");
     case Outcome::nothing_done:
-      return ends + ", having done nothing";
+      return ends + " without doing anything";
     case Outcome::unfinished:
-      return run + (before ? " would not come to its end" : " did not come to its end");
+      return run + (before ? " would not finish" : " did not finish");
     case Outcome::unknown:
       break;
   }
   if (before && report.status) {
-    return ends + ", without a log of it";
+    return ends + " without a log";
   }
-  return before ? "a run cannot be rehearsed here" : "what the last run did cannot be told";
+  return before ? "a run cannot be predicted here" : "the result of the last run is unknown";
 }
 
 void print_finding(const Page& page, const Finding& finding) {
@@ -152,13 +155,17 @@ std::string totals(const Report& report) {
       removed.push_back(counted(counts.at(kind), kThings.at(kind)));
     }
   }
-  return (removed.empty() ? "Nothing" : join(removed, ", ")) + " of the manifest" +
-         (others > 0 ? " and " + counted(others, "other path") : "") +
-         (before ? " would be removed; " : " removed, and what the log does not name; ") +
-         counted(report.kept.size(), "path") + " of the manifest " +
-         (before ? "would be left" : "left") +
-         (report.unloaded.empty() ? "" : "; modules unloaded: " + join(report.unloaded, ", ")) +
-         ".";
+  return (before ? "Would be removed: " : "Removed: ") +
+         (removed.empty() ? "nothing" : join(removed, ", ")) + " of the manifest" +
+         (!before      ? ", and paths that are not logged"
+          : others > 0 ? ", and " + counted(others, "other path")
+                       : "") +
+         (before ? ". Would be kept or left: " : ". Kept or left: ") +
+         counted(report.kept.size(), "path") + " of the manifest." +
+         (report.unloaded.empty()
+              ? ""
+              : (before ? " Modules that would be unloaded: " : " Modules unloaded: ") +
+                    join(report.unloaded, ", ") + ".");
 }
 
 template <typename Items, typename Line>
@@ -177,9 +184,9 @@ void print_text(const Report& report, bool verbose) {
   if (!report.reason.empty()) {
     page.paragraph(report.reason, 2);
   }
-  print_findings(page, report, Severity::blocks, "In the way of a good run");
-  print_findings(page, report, Severity::keeps, before ? "What would stay" : "What stays");
-  print_findings(page, report, Severity::note, "Good to know");
+  print_findings(page, report, Severity::blocks, "Problems that block a run");
+  print_findings(page, report, Severity::keeps, before ? "Would be kept or left" : "Kept or left");
+  print_findings(page, report, Severity::note, "Notes");
   if (succeeds(report.outcome) || report.outcome == Outcome::failed) {
     std::puts("");
     page.paragraph(totals(report), 0);
@@ -196,7 +203,7 @@ void print_text(const Report& report, bool verbose) {
               return item.version + " " + name_of(item.state);
             }));
   page.list("Standard output", split(report.output, '\n'));
-  page.list("Console", split(report.console, '\n'));
+  page.list("Standard error", split(report.console, '\n'));
   page.list("Log", split(report.log, '\n'));
 }
 
