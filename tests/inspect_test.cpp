@@ -1,12 +1,15 @@
 // The program that looks before and after a run: on throwaway hosts, where what it foretells is
 // compared with the run that follows, and its judgement of what a run left.
 
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <set>
 
 #include "inspect/findings/findings.h"
 #include "inspect/report/run_check.h"
 #include "inspection.h"
+#include "log/log.h"
 #include "situations.h"
 #include "throwaway_host.h"
 #include "uninstall/install_root.h"
@@ -113,6 +116,36 @@ TEST_F(Inspect, PrintsAllThatIsOddAboutAHost) {
   expect_of_sample("odd.after", host.inspect("after", "/usr/bin:/bin", "--verbose").page);
 }
 
+TEST_F(Inspect, KeepsItsContractWithScripts) {
+  host.sh(
+      "file /opt/\xff x; mkdir -p /opt/program; tool /opt/format nothing; "
+      "file /lib/systemd/system/u.service; : >/run/active/u");
+  std::ofstream(host.outside("/opt/format")) << "\n";  // executable, and in no format
+  host.manifest({"FILE /opt/\xff " + kEmpty, "SERVICE u " + kEmpty});
+  const Inspection foretold = host.inspect("before");
+  EXPECT_EQ(foretold.status, 1);
+  EXPECT_EQ(foretold.report["kept"][0]["path"], "/opt/\uFFFD");
+  EXPECT_EQ(foretold.report["services"].dump(),
+            R"([{"state":"disabled","unit":"u"},{"state":"stopped","unit":"u"}])");
+  EXPECT_THAT(foretold.report["written"], Contains(kLogPath));
+  const Inspection refused = host.inspect("before --program /opt/format");
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_EQ(refused.report["outcome"], "unknown");
+  EXPECT_THAT(refused.report["reason"].get<std::string>(), HasSubstr("/opt/format"));
+  EXPECT_EQ(host.inspect("before --program /opt/program").status, 64);
+
+  EXPECT_EQ(host.inspect("after").report["reason"], "there is no log of a run");
+  EXPECT_EQ(host.inspect("after >/dev/full; echo $?", "/usr/bin:/bin", "").page, "74\n");
+  host.run();
+  host.sh("file /var/log/zephanorvalta/console; : >/var/log/zephanorvalta/console");
+  EXPECT_EQ(host.inspect("after --console /var/log/zephanorvalta/console").status, 1);
+
+  std::filesystem::permissions(host.outside(kLogPath), std::filesystem::perms::owner_read);
+  const Inspection of_user = host.inspect("after", "/usr/bin:/bin", "--json", "-n");
+  EXPECT_EQ(of_user.status, 3);
+  EXPECT_THAT(of_user.report["reason"].get<std::string>(), HasSubstr("only root can read"));
+}
+
 TEST_F(Inspect, SaysWhatIsWrongWithItsArguments) {
   for (const char* const arguments :
        {"", "during", "before after", "before --status 1", "before --program /missing",
@@ -132,6 +165,7 @@ struct Judged {
   std::optional<int> status = 0;
   std::vector<std::string> registrations = {};
   std::string closing = kSucceeded;
+  std::string console = "";
 };
 
 void PrintTo(const Judged& run, std::ostream* stream) { *stream << run.name; }
@@ -141,7 +175,8 @@ class Judges : public testing::TestWithParam<Judged> {};
 TEST_P(Judges, ARunByWhatItLeft) {
   const Judged& run = GetParam();
   inspect::Report report;
-  inspect::check_run({run.status, "", "", run.log + run.closing, run.registrations, true}, report);
+  inspect::check_run({run.status, run.console, "", run.log + run.closing, run.registrations, true},
+                     report);
   EXPECT_STREQ(inspect::name_of(report.outcome), run.outcome) << report.reason;
 }
 
@@ -157,6 +192,9 @@ INSTANTIATE_TEST_SUITE_P(
         {"StatusUnknown", kUnloaded, "done", {}},
         {"Toolkit", "Uninstall: Toolkit not uninstalled. Skipping remove /x.\n", "shared"},
         {"OfAnotherRun", kUnloaded, "unknown", 5},
+        {"ConsoleOfTheRun", kUnloaded, "done", 0, {}, kSucceeded, kSucceeded},
+        {"ConsoleOfAnotherRun", kUnloaded, "unknown", {}, {}, kSucceeded, kFailed},
+        {"NoConsole", kUnloaded, "unknown", 0, {}, kSucceeded, "root:x:0:0::/root:/bin/sh\n"},
         {"BusyWithoutStatus",
          "Error: 'zephanor' is busy. The packaged driver\n",
          "busy",
@@ -180,8 +218,33 @@ INSTANTIATE_TEST_SUITE_P(
          0,
          {},
          kClosing},
-        {"NotRoot", "", "nothing-done", 255}}),
+        {"NotRoot", "", "nothing-done", 255},
+        {"RootNoMore", kUnloaded, "nothing-done", 7},
+        {"NoLog", kUnloaded, "nothing-done", 1},
+        {"CannotBeExecuted", kUnloaded, "nothing-done", 126},
+        {"NotFound", kUnloaded, "nothing-done", 127}}),
     [](const auto& row) { return row.param.name; });
+
+TEST(ExitStatus, FollowsTheOutcomeAndOfARunToComeTheFindings) {
+  const auto status = [](inspect::Command command, inspect::Outcome outcome, bool finds = false) {
+    inspect::Report report;
+    report.command = command;
+    report.outcome = outcome;
+    report.add("unseen", "");
+    if (finds) {
+      report.add("dkms-tree", "");
+    }
+    return inspect::exit_status(report);
+  };
+  using inspect::Command;
+  using inspect::Outcome;
+  EXPECT_EQ(status(Command::before, Outcome::done), 0);
+  EXPECT_EQ(status(Command::before, Outcome::clean, true), 1);
+  EXPECT_EQ(status(Command::after, Outcome::done, true), 0);
+  EXPECT_EQ(status(Command::after, Outcome::shared), 1);
+  EXPECT_EQ(status(Command::after, Outcome::busy), 2);
+  EXPECT_EQ(status(Command::before, Outcome::unknown, true), 3);
+}
 
 TEST(Holders, AreNotTheModulesThatARunUnloads) {
   inspect::Report report;

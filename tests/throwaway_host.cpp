@@ -199,11 +199,11 @@ void ThrowawayHost::put_faulty_programs() {
 void ThrowawayHost::put_probe() { fs::copy_file(VALTA_PROBE, root_ + "/probe"); }
 
 Inspection ThrowawayHost::inspect(const std::string& arguments, const std::string& path,
-                                  const std::string& form) {
+                                  const std::string& form, const std::string& options) {
   const std::string page = scratch_ + "/page";
-  const int status =
-      script("enter", "-r -e --ignore-signal=CHLD -e PATH=" + path + quote(root_) + " " + kInspect +
-                          " " + arguments + " " + form + " >" + quote(page) + " 2>&1 5</");
+  const int status = script("enter", "-r " + options + " -e --ignore-signal=CHLD -e PATH=" + path +
+                                         quote(root_) + " " + kInspect + " " + arguments + " " +
+                                         form + " >" + quote(page) + " 2>&1 5</");
   collect_report(page);
   const std::string text = contents(page);
   return {status, nlohmann::json::parse(text, nullptr, false), text};

@@ -82,9 +82,10 @@ class ThrowawayHost {
   /// `inspect` needs them.
   void put_faulty_programs();
   /// Runs valta-driver-inspect with `arguments` and `form`, and with the search path `path`. Its
-  /// caller ignores children and has a file open.
+  /// caller ignores children and has a file open. `options` are for the script that enters the
+  /// host.
   Inspection inspect(const std::string& arguments, const std::string& path = "/usr/bin:/bin",
-                     const std::string& form = "--json");
+                     const std::string& form = "--json", const std::string& options = "");
   /// Follows what it prints before and after a run, by tests/host/follow-page. `part` has the
   /// host's part in this. Returns all that was read and typed.
   std::string follow(const std::map<std::string, std::string>& part, bool heeds);
