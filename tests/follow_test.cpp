@@ -103,7 +103,8 @@ std::vector<Situation> odd_hosts() {
        .manifest = {"DKMS latest"},
        .prepare = "file /etc/dkms/framework.conf 'dkms_tree=/elsewhere  # big disk'; "
                   "file /elsewhere/valta/1/source/a; mkdir /usr/src/valta-1; "
-                  "tool /usr/sbin/dkms '/bin/real/rm -rf /elsewhere/valta'"},
+                  "tool /usr/sbin/dkms '/bin/real/rm -rf /elsewhere/valta'",
+       .pattern = "/elsewhere/valta/1"},
       {.name = "MaskedUnit",
        .manifest = {"SERVICE u " + kEmpty},
        .prepare = "file /lib/systemd/system/u.service; "
@@ -201,8 +202,10 @@ std::vector<Situation> odd_hosts() {
        .heeds = true},
       {.name = "InitialRamdiskHoldsAModule",
        .prepare = "file /boot/initrd.img-$(uname -r); tool /usr/bin/lsinitramfs "
-                  "'echo lib/zephanor.ko'; tool /usr/sbin/update-initramfs "
-                  "'tool /usr/bin/lsinitramfs :'"},
+                  "'[ -e /rebuilt ] || echo lib/zephanor.ko'; "
+                  "tool /usr/sbin/update-initramfs ': >/rebuilt'",
+       .pattern = "/boot/initrd.img-",
+       .heeds = true},
   };
 }
 
