@@ -8,9 +8,13 @@
 #include <string_view>
 #include <vector>
 
+#include "inspect/host/devices.h"
 #include "inspect/host/modules.h"
 #include "inspect/host/mounts.h"
+#include "inspect/host/units.h"
+#include "inspect/report/json.h"
 #include "inspect/report/run_check.h"
+#include "inspect/report/text.h"
 #include "installer/kernel_module.h"
 #include "uninstall/dkms_config.h"
 #include "uninstall/manifest.h"
@@ -108,6 +112,25 @@ void check_a_run(const std::string& text) {
   }
 }
 
+/// No line has more than one number, and only a setting changes another one.
+void read_devices_and_units(const std::string& text) {
+  CHECK(inspect::numbers_of("zephanor", text).size() <= split(text, '\n').size());
+  CHECK(inspect::read_refusal(text, true) || text.find('=') != std::string::npos);
+}
+
+/// Whatever a host's names hold, a report of them can be printed.
+void print_report(const std::string& text) {
+  static std::FILE* const nowhere = std::freopen("/dev/null", "w", stdout);
+  CHECK(nowhere != nullptr);
+  inspect::Report report;
+  inspect::check_run({0, text, text, text, {}}, report);
+  report.reason = text;
+  report.kept = {{text, inspect::KeptReason::changed}};
+  report.add("file-changed", text, text, text);
+  inspect::print_text(report, true);
+  inspect::print_json(report);
+}
+
 /// What is shown is without control characters, as a word for the shell is.
 void quote(const std::string& text) {
   const auto has_control = [](const std::string& shown) {
@@ -129,6 +152,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   unload_modules(text);
   read_mount_table(text);
   check_a_run(text);
+  read_devices_and_units(text);
+  print_report(text);
   quote(text);
   return 0;
 }

@@ -30,6 +30,18 @@ bool Devices::holds(dev_t number) const {
   return numbers.contains(number) || majors.contains(major(number));
 }
 
+std::vector<unsigned> numbers_of(const std::string& name, const std::string& text) {
+  std::vector<unsigned> numbers;
+  for (const std::string& line : split(text, '\n')) {
+    const auto digits = line.find_first_not_of(' ');
+    const auto space = line.find(' ', digits);
+    if (space != std::string::npos && line.compare(space + 1, name.size(), name) == 0) {
+      numbers.push_back(number_in(line));
+    }
+  }
+  return numbers;
+}
+
 Devices devices_of(const std::string& module) {
   Devices devices;
   for (const std::string& driver : paths_below("/sys/module/" + module + "/drivers")) {
@@ -41,20 +53,16 @@ Devices devices_of(const std::string& module) {
       }
     }
   }
-  const auto read_names = [&](const char* file, const auto& take) {
-    std::string text;
-    read_regular_file(file, text);
-    for (const std::string& line : split(text, '\n')) {
-      const auto digits = line.find_first_not_of(' ');
-      const auto blank = line.find(' ', digits);
-      if (blank != std::string::npos && line.find(module, blank) == blank + 1) {
-        take(number_in(line));
-      }
+  std::string text;
+  if (read_regular_file("/proc/devices", text)) {
+    const std::vector<unsigned> majors = numbers_of(module, text);
+    devices.majors.insert(majors.begin(), majors.end());
+  }
+  if (read_regular_file("/proc/misc", text)) {
+    for (const unsigned number : numbers_of(module, text)) {
+      devices.numbers.insert(makedev(kMiscMajor, number));
     }
-  };
-  read_names("/proc/devices", [&](unsigned number) { devices.majors.insert(number); });
-  read_names("/proc/misc",
-             [&](unsigned number) { devices.numbers.insert(makedev(kMiscMajor, number)); });
+  }
   return devices;
 }
 

@@ -3,6 +3,7 @@
 #include <set>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace valta::inspect {
 
@@ -13,6 +14,10 @@ struct Devices {
 
   [[nodiscard]] bool holds(dev_t number) const;
 };
+
+/// The numbers of the devices in `text`, whose lines are as those of /proc/devices and /proc/misc,
+/// with a name that begins with `name`.
+[[nodiscard]] std::vector<unsigned> numbers_of(const std::string& name, const std::string& text);
 
 /// The devices of `module`: those that the kernel says belong to it, where hardware is behind them,
 /// and of others those whose name begins with that of the module.

@@ -46,21 +46,6 @@ std::vector<std::string> files_called(const std::string& name) {
   return files;
 }
 
-/// Takes over what `file` says of being stopped by hand.
-void read_refusal(const std::string& file, bool& refuses) {
-  constexpr std::string_view key = "RefuseManualStop=";
-  std::string text;
-  read_regular_file(file, text);
-  for (std::string line : split(text, '\n')) {
-    std::erase_if(line, [](char c) { return c == ' ' || c == '\t'; });
-    if (line.starts_with(key)) {
-      refuses = std::any_of(kYes.begin(), kYes.end(), [&](const char* yes) {
-        return strcasecmp(yes, line.c_str() + key.size()) == 0;
-      });
-    }
-  }
-}
-
 /// The name of the template of an instance; `name` itself for any other unit.
 std::string template_of(const std::string& name) {
   return is_of_template(name) ? template_prefix(name) + "@" + name.substr(name.rfind('.')) : name;
@@ -87,10 +72,25 @@ std::vector<std::string> unit_files(const std::string& unit) {
   return files.empty() ? files_called(template_of(name)) : files;
 }
 
+bool read_refusal(const std::string& text, bool refuses) {
+  constexpr std::string_view key = "RefuseManualStop=";
+  for (std::string line : split(text, '\n')) {
+    std::erase_if(line, [](char c) { return c == ' ' || c == '\t'; });
+    if (line.starts_with(key)) {
+      refuses = std::any_of(kYes.begin(), kYes.end(), [&](const char* yes) {
+        return strcasecmp(yes, line.c_str() + key.size()) == 0;
+      });
+    }
+  }
+  return refuses;
+}
+
 bool refuses_to_stop(const std::string& unit) {
   bool refuses = false;
-  if (const std::vector<std::string> files = unit_files(unit); !files.empty()) {
-    read_refusal(files.front(), refuses);
+  std::string text;
+  if (const std::vector<std::string> files = unit_files(unit);
+      !files.empty() && read_regular_file(files.front(), text)) {
+    refuses = read_refusal(text, refuses);
   }
   // They are read in the order of their names; of one name the first directory's counts.
   const std::string name = full_unit_name(unit);
@@ -104,8 +104,8 @@ bool refuses_to_stop(const std::string& unit) {
     }
   }
   for (const auto& [file, path] : drop_ins) {
-    if (file.ends_with(".conf")) {
-      read_refusal(path, refuses);
+    if (file.ends_with(".conf") && read_regular_file(path, text)) {
+      refuses = read_refusal(text, refuses);
     }
   }
   return refuses;

@@ -16,6 +16,10 @@ namespace valta::inspect {
 /// that leads nowhere is none, as for systemd.
 [[nodiscard]] std::vector<std::string> unit_files(const std::string& unit);
 
+/// What the text of a unit file or of a drop-in makes of `refuses`, whether the unit refuses to be
+/// stopped by hand.
+[[nodiscard]] bool read_refusal(const std::string& text, bool refuses);
+
 /// Whether `unit`, by its files, refuses to be stopped by hand.
 [[nodiscard]] bool refuses_to_stop(const std::string& unit);
 
