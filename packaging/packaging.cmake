@@ -9,11 +9,11 @@ set(CPACK_PACKAGE_CONTACT "Valta driver developers <developers@valta.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "uninstaller for the Valta GPU driver stack")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
-set(description "Unloads the kernel modules of the driver stack and removes what its
-installer recorded: files, links, directories, services and the DKMS
-registration. Files that changed since installation are kept. A second program
-foretells what a run would do, and judges the last one. To remove this package
-runs nothing: the driver stack stays as it is.")
+set(description "Unloads the kernel modules of the driver stack and removes everything in
+the manifest of its installer: files, links, directories, services and the
+DKMS module. Keeps files that were changed since the installation. A second
+program predicts a run and checks the last one. Removing this package does
+not uninstall the driver stack.")
 
 # The name of the processor in each family.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
