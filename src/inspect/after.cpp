@@ -35,7 +35,7 @@ FileKind kind_of(EntryTarget target) {
   }
 }
 
-/// The log does not say what it was that a run removed, but the manifest does.
+/// The log does not have the kinds of the removed paths, but the manifest does.
 void name_kinds(const Installation& installation, Report& report) {
   std::map<std::string, FileKind> kinds;
   for (const ManifestEntry& entry : installation.entries) {
@@ -62,15 +62,15 @@ bool has_more_to_do(const Installation& installation, const Report& report) {
          (was_kept_for_program && program_to_run(installation) != installed_program(installation));
 }
 
-/// Whether nothing is left to do, whatever the run came to: what is kept in a directory that holds
-/// other things as well is not a run's to remove.
+/// Whether nothing is left to do, whatever the outcome. A run never removes a directory that also
+/// holds other files.
 bool is_all_done(const Report& report) {
   return std::all_of(report.findings.begin(), report.findings.end(), [](const Finding& finding) {
     return finding.severity == Severity::note || finding.id == FindingId("directory-stays");
   });
 }
 
-/// Brings the outcome of the run to what has become of the host since.
+/// Sets the outcome to done if everything that the run left was removed since.
 void reconcile(Report& report) {
   const bool left_something = report.outcome != Outcome::done && report.outcome != Outcome::clean &&
                               report.outcome != Outcome::unknown &&

@@ -7,8 +7,8 @@
 
 namespace valta::inspect {
 
-/// Checks the last run by its log and by what is left of the installation on this host. `status`
-/// and `console`, what the run showed, are known to whoever ran it and kept them.
+/// Checks the last run by its log and by the state of this host. `status` and `console` are the
+/// exit status and the standard error of the run, if the caller kept them.
 [[nodiscard]] Report after(std::optional<int> status, const std::string& console);
 
 }  // namespace valta::inspect

@@ -47,7 +47,7 @@ void report_actions(const DryRun& run, Report& report) {
   }
 }
 
-/// What comes of the run, as the files of the overlay show it.
+/// Checks the run by the files of the overlay.
 void check_inside(const DryRun& run,
                   const std::pair<std::int64_t, std::int64_t>& time_of_earlier_log,
                   const Installation& installation, Report& report) {
@@ -57,13 +57,13 @@ void check_inside(const DryRun& run,
              find_in_path_executable("md5sum"), is_directory(kernel_module_directory())},
             report);
   settle_kept(installation, report);
-  // What a run leaves that stops on its way is left for the next one.
+  // If a run stops early, the next run removes the rest.
   if (came_to_the_manifest(report) && !ended_in_the_manifest(report)) {
     look_at_remains(installation, report);
   }
 }
 
-/// Tells what the manifest names of what is removed, which has no links in its path.
+/// Marks the removed paths that the manifest lists. Links are resolved in removed paths only.
 void mark_listed(const Installation& installation, Report& report) {
   std::set<std::string> listed;
   for (const ManifestEntry& entry : installation.entries) {
@@ -77,7 +77,7 @@ void mark_listed(const Installation& installation, Report& report) {
   }
 }
 
-/// What the run would do.
+/// Predicts the run.
 void predict(const std::string& program, int timeout, const Installation& installation,
              const std::vector<std::string>& detached, Report& report) {
   const auto time_of_earlier_log = time_of_log();
@@ -116,7 +116,8 @@ void predict(const std::string& program, int timeout, const Installation& instal
   }
 }
 
-/// Whether this process now sees the host as a dry run needs it; if not, the report says why.
+/// Prepares this process for a dry run. Returns false if that is not possible, with the reason in
+/// the report.
 bool prepare_view(std::vector<std::string>& detached, Report& report) {
   if (geteuid() != 0) {
     report.reason = "a dry run needs root";
@@ -138,7 +139,8 @@ Report before(const std::string& program, int timeout) {
   Report report;
   report.command = Command::before;
   begin_step("Looking at the host");
-  // First of all: from then on looks change nothing, and wait for nobody.
+  // Comes first: in namespaces of its own, this process changes no access times and waits for no
+  // file system.
   std::vector<std::string> detached;
   const bool prepared = prepare_view(detached, report);
   const Installation installation = read_installation();

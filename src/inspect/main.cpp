@@ -19,7 +19,7 @@
 namespace valta::inspect {
 namespace {
 
-/// Beside the dry run itself.
+/// For the checks before and after the dry run.
 constexpr int kSecondsForLooks = 3;
 
 /// Prints `report` and returns the exit status for it.
@@ -72,9 +72,9 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
   using namespace valta::inspect;
-  // A caller that ignores it would keep this program from hearing how its children end.
+  // If the caller ignores it, the kernel does not report how a child ended.
   std::signal(SIGCHLD, SIG_DFL);
-  // A limit of the caller shows up as a write that fails.
+  // A file size limit of the caller then makes a write fail, instead of killing this process.
   std::signal(SIGXFSZ, SIG_IGN);
   try {
     const auto status = run_as_stub(valta::last_component(argv[0]), {argv + 1, argv + argc});

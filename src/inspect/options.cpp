@@ -97,7 +97,7 @@ std::string text_of(const std::string& path) {
   std::exit(EX_OK);
 }
 
-/// An option, the command that has it (none: both), and what it does with its argument.
+/// An option, the command that has it (none: both), and the function for its argument.
 struct OptionRow {
   const char* name;
   int has_argument;
@@ -125,7 +125,7 @@ constexpr std::array<OptionRow, 7> kOptions = {{
     {"help", no_argument, {}, [](Options&, const char*) { help(); }},
 }};
 
-/// The command that the first argument names. Some arguments ask for an answer instead.
+/// The command in the first argument. --help and --version print an answer and exit.
 Command read_command(const std::string& argument) {
   if (argument == "--help" || argument == "-h") {
     help();
@@ -157,10 +157,10 @@ Options read_options(int argc, char** argv) {
   }
   known.push_back({});
   std::string name = "valta-driver-inspect";
-  argv[1] = name.data();  // getopt_long complains under it
+  argv[1] = name.data();  // the name in the messages of getopt_long
   for (int found = 0;
        (found = getopt_long(argc - 1, argv + 1, "h", known.data(), nullptr)) != -1;) {
-    if (found == '?') {  // getopt_long has said what is wrong
+    if (found == '?') {  // getopt_long has printed the error
       std::fputs(kUsage, stderr);
       std::exit(EX_USAGE);
     }

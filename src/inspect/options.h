@@ -7,7 +7,7 @@
 
 namespace valta::inspect {
 
-/// What the command line asks for.
+/// The options of the command line.
 struct Options {
   Command command = Command::before;
   std::string program;  ///< for `before`: an absolute path

@@ -5,10 +5,10 @@
 
 namespace valta::inspect {
 
-/// Runs `work` in a child process and waits for it to end, `seconds` at most: a child that waits
-/// for a file system that does not answer can be neither ended nor waited for. Returns its exit
-/// status; nothing when it has not ended. It ends with this process. Shows on a terminal's standard
-/// error at which step it is, once that takes a while.
+/// Runs `work` in a child process and waits for its end, `seconds` at most: a child that waits for
+/// an unresponsive file system cannot be killed. Returns the child's exit status, or nothing if it
+/// has not ended. The child ends with this process. If a step takes long and standard error is a
+/// terminal, the step is shown there.
 [[nodiscard]] std::optional<int> run_watched(const std::function<int()>& work, int seconds);
 
 }  // namespace valta::inspect

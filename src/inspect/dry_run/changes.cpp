@@ -102,7 +102,7 @@ class Comparison {
 
   struct Directory {
     std::string path;
-    bool hides;  ///< it is in one that hides what is below it
+    bool hides;  ///< it is in one that hides its lower layer
   };
 
   void compare_entries(const std::string& directory, bool hides) {

@@ -7,14 +7,14 @@
 
 namespace valta::inspect {
 
-/// What a run changed.
+/// The changes of a run.
 struct Changes {
-  std::vector<Removal> removed;      ///< what was in a removed directory, too
+  std::vector<Removal> removed;      ///< also the content of removed directories
   std::vector<std::string> written;  ///< new, or with another content, mode or owner
 };
 
-/// What the upper layer of an overlay, the directory `upper`, says about its lower one. Paths begin
-/// with "/", at the root of the layers.
+/// The differences between the layers of an overlay, the directories `lower` and `upper`. Paths
+/// begin with "/", at the root of the layers.
 [[nodiscard]] Changes compare_layers(const std::string& lower, const std::string& upper);
 
 }  // namespace valta::inspect

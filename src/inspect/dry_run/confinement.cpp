@@ -16,7 +16,7 @@
 namespace valta::inspect {
 namespace {
 
-/// The capabilities that deleting and writing files takes.
+/// The capabilities for deleting and writing files.
 constexpr std::array<int, 4> kFileCapabilities = {CAP_CHOWN, CAP_DAC_OVERRIDE, CAP_FOWNER,
                                                   CAP_FSETID};
 
@@ -47,7 +47,7 @@ void cut_ties() {
   if (setsid() < 0) {
     fail_to("leave the terminal");
   }
-  const rlimit no_dump = {1, 1};     // 0 would let a dump go to a program all the same
+  const rlimit no_dump = {1, 1};     // with 0, the kernel still pipes a dump to a program
   setrlimit(RLIMIT_CORE, &no_dump);  // may not be raised from 0 in a container
 }
 

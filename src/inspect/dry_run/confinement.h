@@ -2,9 +2,9 @@
 
 namespace valta::inspect {
 
-/// Takes from this process whatever leads past the overlay to the host: descriptors other than the
-/// standard streams (closed when it executes a program), the terminal, core dumps, for which the
-/// kernel may start a program there, and all capabilities but those that work on files takes.
+/// Closes every way from this process around the overlay to the host: descriptors other than the
+/// standard streams (when it executes a program), the terminal, core dumps, because the kernel may
+/// start a program on the host for them, and all capabilities except those for work on files.
 /// Neither it nor a program that it executes can gain any. Throws `NotPossible`.
 void confine();
 

@@ -16,7 +16,7 @@ namespace valta::inspect {
 namespace fs = std::filesystem;
 namespace {
 
-/// A file aside of the overlay that a stream of the program goes to.
+/// A file outside the overlay for an output stream of the program.
 class Stream {
  public:
   explicit Stream(const std::string& path)

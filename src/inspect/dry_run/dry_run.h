@@ -9,9 +9,9 @@
 
 namespace valta::inspect {
 
-/// What came of a run in an overlay.
+/// The result of a run in an overlay.
 struct DryRun {
-  std::optional<int> status;         ///< none when it did not end in time
+  std::optional<int> status;         ///< none if it did not end in time
   std::vector<std::string> hung_on;  ///< the command lines that it waited for then
   std::string console;               ///< standard error
   std::string output;                ///< standard output
@@ -19,11 +19,12 @@ struct DryRun {
   std::vector<Action> actions;       ///< of the stubs
 };
 
-/// Runs `program`, an absolute path on the host, in `overlay` as the first that may be, and waits
-/// for it to end, `timeout` seconds at most. Throws `NotPossible` when it cannot be started.
+/// Runs `program`, an absolute path on the host, in `overlay`, and waits for its end, `timeout`
+/// seconds at most. Throws `NotPossible` when it cannot be started.
 ///
-/// The program is root with no more than what file work takes: it cannot load modules, mount, or
-/// make devices, sees no other processes, and has nobody to talk to. It ends with this process.
+/// The program is root with the capabilities for work on files and no others: it cannot load
+/// modules, mount, or make devices. It sees no other processes and reaches no network, bus or
+/// systemd. It ends with this process.
 [[nodiscard]] DryRun dry_run(const Overlay& overlay, const std::string& program, int timeout);
 
 }  // namespace valta::inspect

@@ -30,8 +30,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kMillisecondsBetweenLooks = 200;
 constexpr auto kTimeToDie = std::chrono::seconds(1);
 
-/// What the first process reports: why the program could not be started, or how it ended, as
-/// waitpid has it.
+/// The report of the first process: why the program could not be started, or its wait status.
 struct Message {
   int error = 0;
   int wait_status = 0;
@@ -59,7 +58,7 @@ Pipe make_pipe() {
       dup2(console, STDERR_FILENO) < 0) {
     fail_to("set the standard streams");
   }
-  restore_limits();  // what is open by now may have a higher number than it allows
+  restore_limits();  // files that are open now may have higher numbers than it allows
   std::array<char*, 2> arguments = {const_cast<char*>(program.c_str()), nullptr};
   execv(program.c_str(), arguments.data());
   fail_to("run " + program);
@@ -71,7 +70,8 @@ pid_t fork_into_namespace() {
       syscall(SYS_clone, CLONE_NEWPID | SIGCHLD, nullptr, nullptr, nullptr, 0));
 }
 
-/// What the first process does. Its child, if it cannot execute the program, reports in its place.
+/// The code of the first process. If its child cannot execute the program, the child sends the
+/// report.
 [[noreturn]] void live(const Overlay& overlay, const std::string& program, int output, int console,
                        int report) {
   Message message;

@@ -2,15 +2,15 @@
 
 namespace valta::inspect {
 
-/// Raises the limits that the caller set this process for open files, since a host may have more
-/// mounts than that, and for the size of files, which would end it without a word.
+/// Raises two limits of the caller: for open files, because a host may have more mounts, and for
+/// the size of files, because exceeding it would kill this process without a message.
 void raise_limits();
 
-/// Gives this process the caller's limit for open files and the usual signal for a file that is too
-/// large again, for a program to be executed.
+/// Restores the caller's limit for open files and the default signal for a file that is too large,
+/// before a program is executed.
 void restore_limits();
 
-/// Has the kernel choose this process and its children first when memory is short.
+/// Makes the kernel kill this process and its children first when memory is short.
 void offer_memory();
 
 }  // namespace valta::inspect

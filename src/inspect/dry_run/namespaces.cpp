@@ -54,7 +54,8 @@ std::vector<std::string> leave_namespaces() {
   std::vector<std::string> detached = detach_what_must_not_be_touched();
   for (const Mount& mounted : read_mounts()) {
     if (holds_files(mounted)) {
-      // What is hidden, or may not be changed in here, is as it was: its access times may move.
+      // A mount that is hidden, or that a user namespace may not change, keeps its options: its
+      // access times may change.
       mount(nullptr, mounted.point.c_str(), nullptr,
             MS_REMOUNT | MS_BIND | MS_NOATIME | mounted.flags, nullptr);
     }

@@ -6,21 +6,21 @@
 
 namespace valta::inspect {
 
-/// Says what a dry run needed, and what the host answered.
+/// The step of a dry run that failed, and the error of the host.
 class NotPossible : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Throws `NotPossible`: `tried`, and what errno means.
+/// Throws `NotPossible` with `tried` and the message of errno.
 [[noreturn]] void fail_to(const std::string& tried);
 
-/// Puts this process into namespaces of its own for mounts, IPC, host name and network. Mounts made
-/// from now on are seen by nobody else, and the files of the host are read without touching their
-/// access times. Throws `NotPossible` when the kernel denies that.
+/// Moves this process to new namespaces for mounts, IPC, host name and network. Other processes do
+/// not see its mounts, and it reads the files of the host without changing their access times.
+/// Throws `NotPossible` when the kernel denies that.
 ///
-/// Takes out of the view of this process, and returns by their mount points, what a look at must
-/// not wait for, or must not mount: file systems that do not answer, and automounts that nobody has
-/// used yet.
+/// Hides two kinds of file systems from this process, so that no check waits for them or mounts
+/// them: those that do not answer, and automounts that are not mounted yet. Returns their mount
+/// points.
 [[nodiscard]] std::vector<std::string> leave_namespaces();
 
 }  // namespace valta::inspect

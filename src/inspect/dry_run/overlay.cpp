@@ -23,14 +23,14 @@ namespace valta::inspect {
 namespace fs = std::filesystem;
 namespace {
 
-/// Directories that the overlay may cover for this process. What lies below the first is never part
-/// of an overlay; of the others that is seen no more.
+/// Directories where this process may mount the overlay. An overlay never contains the files below
+/// the first one; the mount hides the files below the others from this process.
 constexpr std::array<const char*, 4> kScratchDirectories = {"/dev/shm", "/tmp", "/run", "/mnt"};
 
 constexpr std::array<const char*, 6> kDevices = {"null",   "zero",    "full",
                                                  "random", "urandom", "tty"};
 
-/// Ways to reach systemd and the bus past a systemctl that only seems to act.
+/// Sockets that reach systemd and the bus without the stub of systemctl.
 constexpr std::array<const char*, 3> kSockets = {"/run/systemd/private", "/run/systemd/notify",
                                                  "/run/dbus/system_bus_socket"};
 
@@ -39,8 +39,8 @@ constexpr std::array<const char*, 3> kSockets = {"/run/systemd/private", "/run/s
 constexpr std::array<std::string_view, 6> kNoLowerLayers = {"exfat", "hfs",   "hfsplus",
                                                             "msdos", "ntfs3", "vfat"};
 
-/// Renamed directories and changed attributes are to be found in the upper layer, whatever the
-/// kernel's defaults are. Older kernels know none or one of these options.
+/// Makes the kernel copy renamed directories and changed attributes to the upper layer, whatever
+/// its defaults are. Older kernels have only one of these options, or none.
 constexpr std::array<const char*, 3> kLayerOptions = {",redirect_dir=off,metacopy=off",
                                                       ",redirect_dir=off", ""};
 
@@ -121,8 +121,8 @@ std::string below(const std::string& path, const std::string& directory) {
   return directory == "/" ? (path == "/" ? "" : path) : path.substr(directory.size());
 }
 
-/// Adds to `all` what of `changes` in a layer shows at `mounted`, where the layer's directory
-/// `front` is mounted.
+/// Adds to `all` the `changes` in a layer that are visible at `mounted`, where the layer's
+/// directory `front` is mounted.
 void add_shown(const Changes& changes, const Mount& mounted, const std::string& front,
                const MountTree& tree, Changes& all) {
   const std::string point = mounted.point == "/" ? "" : mounted.point;
@@ -156,7 +156,7 @@ Overlay::Overlay() : host_(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)), mounts_
   fs::create_directory(root_);
   touch(aside("cover"));
 
-  // What shows more of a file system comes first: the other mounts of it are in its layer.
+  // The mount that shows most of a file system comes first. Its layer serves the other mounts, too.
   std::vector<Place*> by_root;
   for (Place& place : places_) {
     by_root.push_back(&place);
@@ -172,7 +172,7 @@ Overlay::Overlay() : host_(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)), mounts_
   }
   make_devices();
   unlike_host_.emplace_back("/dev");
-  // Where it is not to be had, as in a container of its own, nothing that is called here misses it.
+  // A container may not allow it. The tools that a run calls do not need it.
   static_cast<void>(
       bind_mount("/sys", root_ + "/sys", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC));
   cover_sockets();
@@ -248,8 +248,8 @@ void Overlay::mount_place(const Place& place) {
   }
   unlike_host_.push_back(place.mount.point);
   struct stat status {};
-  // What is neither, a socket for one, would lead to the host. Where the mount point is missing, as
-  // below an automounter's directory, the overlay lacks it.
+  // Anything else, such as a socket, would lead to the host. If the mount point does not exist,
+  // such as below an automounter's directory, the overlay does not have the mount.
   if (fstat(place.directory.get(), &status) == 0 &&
       (S_ISDIR(status.st_mode) || S_ISREG(status.st_mode))) {
     static_cast<void>(bind_mount(path_of(place.directory), target, flags | MS_RDONLY));
@@ -264,11 +264,11 @@ void Overlay::make_devices() const {
     const std::string target = devices + "/" + name;
     touch(target);
     if (fs::is_character_file(source)) {
-      // A device can be written to all the same, but its owner, mode and times are the host's.
+      // A process can still write to the device, but cannot change its owner, mode and times.
       bind_or_fail(source, target, MS_RDONLY | MS_NOSUID | MS_NOEXEC);
     }
   }
-  // A shell's process substitution opens what is below "fd".
+  // A shell's process substitution opens files below "fd".
   fs::create_symlink("/proc/self/fd", devices + "/fd");
   fs::create_symlink("fd/0", devices + "/stdin");
   fs::create_symlink("fd/1", devices + "/stdout");
@@ -290,7 +290,7 @@ void Overlay::enter() const {
   if (unshare(CLONE_NEWNS) != 0) {
     fail_to("get a mount namespace for the overlay");
   }
-  // Read-only, as root could turn the kernel's settings there without any capability.
+  // Read-only, because root can change kernel settings there without any capability.
   mount_or_fail("proc", root_ + "/proc", "proc", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC);
   const std::string list = root_ + "/proc/modules";
   if (path_exists(list)) {  // a kernel that loads no modules has none
@@ -299,8 +299,8 @@ void Overlay::enter() const {
   if (chdir(scratch_.c_str()) != 0) {
     fail_to("enter the overlay");
   }
-  // The old root lands on top of the new one and is taken off again. The first root file system of
-  // a host, which cannot be moved, stays below the overlay, out of reach.
+  // pivot_root puts the old root on top of the new one, so it is unmounted here. The first root
+  // file system of a host cannot be moved. It is left below the overlay, out of reach.
   if (syscall(SYS_pivot_root, ".", ".") == 0) {
     umount2(".", MNT_DETACH);
   }
@@ -350,7 +350,7 @@ Changes Overlay::changes() const {
 }
 
 void Overlay::look_inside() const {
-  // Nobody minds that it is there already, if this is not the first look.
+  // It fails harmlessly if it is mounted already.
   static_cast<void>(mount("/proc", (root_ + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr));
   if (chroot(root_.c_str()) != 0 || chdir("/") != 0) {
     fail_to("look into the overlay");

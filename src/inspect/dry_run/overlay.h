@@ -14,8 +14,8 @@
 namespace valta::inspect {
 
 /// A copy-on-write overlay of this host: every file system with files is the lower layer of an
-/// overlay whose upper layer is in memory. Needs `leave_namespaces`; with the last process in these
-/// namespaces all of it is gone, however that process ends.
+/// overlay whose upper layer is in memory. Call `leave_namespaces` first: the overlay exists as
+/// long as a process in these namespaces.
 ///
 /// A file system that is mounted in several places has one layer, and shows each change in all of
 /// them. /dev is a minimal one of its own, and holds `kToolDirectory`; /sys is read-only; the
@@ -35,8 +35,8 @@ class Overlay {
   /// A path for a file of the name `name` in the memory of the overlay, out of its sight.
   [[nodiscard]] std::string aside(const std::string& name) const { return scratch_ + "/" + name; }
 
-  /// The directories and mount points where the overlay is not like the host: read-only, or without
-  /// what is there.
+  /// The directories and mount points where the overlay differs from the host: they are read-only
+  /// or empty.
   [[nodiscard]] const std::vector<std::string>& unlike_host() const { return unlike_host_; }
 
   /// Makes the overlay the root directory of this process, the first one of a new PID namespace,
@@ -55,11 +55,11 @@ class Overlay {
   /// The largest file that has been written so far.
   [[nodiscard]] WrittenFile largest_file() const;
 
-  /// What has been changed so far, sorted.
+  /// All changes so far, sorted.
   [[nodiscard]] Changes changes() const;
 
-  /// From now on this process sees the files of the overlay in the place of the host's, except
-  /// /proc. Throws `NotPossible`.
+  /// From now on this process sees the files of the overlay instead of the host's, except /proc.
+  /// Throws `NotPossible`.
   void look_inside() const;
 
   /// From now on this process sees the files of the host again. Throws `NotPossible`.
@@ -74,7 +74,7 @@ class Overlay {
     std::string directory;  ///< with its upper layer, and where it is mounted
   };
 
-  /// A mount of the host, and what shows its files in the overlay.
+  /// A mount of the host, and the layer that has its files in the overlay.
   struct Place {
     Mount mount;
     Descriptor directory;  ///< none of a place that is the lower layer of `layer`
@@ -93,7 +93,7 @@ class Overlay {
   std::string root_;
   std::vector<Mount> mounts_;
   std::vector<Layer> layers_;
-  std::vector<Place> places_;  ///< parents before what is mounted on them
+  std::vector<Place> places_;  ///< parents before the mounts on them
   std::vector<std::string> unlike_host_;
 };
 

@@ -21,7 +21,7 @@
 namespace valta::inspect {
 namespace {
 
-// What systemctl exits with beside its statuses.
+// Other exit statuses of systemctl.
 constexpr int kMisused = 1;
 constexpr int kRefused = 4;
 constexpr int kNotLoaded = 5;
@@ -36,7 +36,7 @@ std::string state_file(const char* name) {
   return std::string(Overlay::kToolDirectory) + "/" + name;
 }
 
-/// A line for each action: its name, a blank, its object.
+/// A line for each action: its name, a space, its object.
 void note(ActionKind kind, const std::string& object) {
   std::ofstream(state_file(kActionFile), std::ios::app)
       << kActionNames.at(static_cast<std::size_t>(kind)) << ' ' << object << '\n';
@@ -65,7 +65,7 @@ int rmmod(const std::vector<std::string>& arguments) {
       note(ActionKind::unloaded, name);
     }
   }
-  // In place: what is bound over the overlay's /proc/modules is this very file.
+  // Writes in place: this file is bind-mounted on the overlay's /proc/modules.
   std::ofstream(state_file(kModuleListFile), std::ios::trunc) << format_modules(modules);
   return status;
 }
@@ -79,7 +79,7 @@ int call_systemctl(std::vector<std::string> arguments) {
   return exit_status_of(std::move(arguments), Printing::shown);
 }
 
-/// What disabling does is done by files alone: the host's own tool does that in the overlay.
+/// Disabling a unit changes only files, so the host's own tool does it in the overlay.
 int disable(const std::string& unit) {
   note(ActionKind::disabled, unit);
   return call_systemctl({"--root=/", "disable", unit});
@@ -138,7 +138,7 @@ constexpr std::array<SystemctlCommand, 3> kSystemctlCommands = {
 int systemctl_stub(const std::vector<std::string>& arguments) {
   const std::string name = arguments.empty() ? "" : arguments[0];
   if (name != "disable" && !is_directory("/run/systemd/system")) {
-    return call_systemctl(arguments);  // which says so in its own words
+    return call_systemctl(arguments);  // for its own error message
   }
   if (name == "reset-failed" || name == "daemon-reload") {
     return 0;

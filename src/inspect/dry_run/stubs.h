@@ -12,7 +12,7 @@ inline constexpr const char* kModuleListFile = "modules";
 
 enum class ActionKind { unloaded, disabled, stopped, refused };
 
-/// What a stub did in the place of the host's tool.
+/// An action of a stub, instead of the host's tool.
 struct Action {
   ActionKind kind;
   std::string object;  ///< a module or a unit
@@ -21,15 +21,15 @@ struct Action {
 /// Runs as the stub called `name`, with `arguments` without that name, and returns the exit status,
 /// after the messages of the real tool; nothing when there is no such stub.
 ///
-/// There are stubs of the tools that act on the kernel or on systemd, whatever a process may see of
-/// the host's files. They act on plain files of `Overlay::kToolDirectory` instead.
+/// The stubs replace the tools that act on the kernel or on systemd, which no overlay can contain.
+/// They use plain files in `Overlay::kToolDirectory` instead.
 [[nodiscard]] std::optional<int> run_as_stub(const std::string& name,
                                              const std::vector<std::string>& arguments);
 
 /// The names of the stubs whose tool this host has.
 [[nodiscard]] std::vector<std::string> needed_stubs();
 
-/// What the stubs of the directory `tools` did, in order.
+/// The actions of the stubs in the directory `tools`, in order.
 [[nodiscard]] std::vector<Action> read_actions(const std::string& tools);
 
 }  // namespace valta::inspect

@@ -30,7 +30,7 @@ void look_at_hanging(const std::vector<std::string>& commands, int timeout, Repo
   report.reason = "it did not end within " + counted(static_cast<std::size_t>(timeout), "second") +
                   "; a slow command may need a longer --timeout";
   for (const std::string& command : commands) {
-    // Most likely it waits for the last of its arguments.
+    // It probably waits for its last argument.
     const std::string last = command.substr(command.rfind(' ') + 1);
     report.add("hangs", "At that time, the run was waiting for: " + command, command,
                last.starts_with('/') ? shell_command("ls -l %", {last}) : "");

@@ -57,7 +57,7 @@ void look_at_unseen(const Installation& installation, Report& report) {
 void look_at_mounted_configuration(Report& report) {
   std::error_code ignored;
   for (const char* const path : kConfigurationPaths) {
-    // A link is deleted, not what it leads to.
+    // A run deletes a link, not its target.
     const std::string place = is_symlink(path) ? "" : fs::canonical(path, ignored).string();
     for (const Mount& mounted : read_mounts()) {
       if (!place.empty() && is_below(mounted.point, place)) {

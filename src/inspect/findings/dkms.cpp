@@ -61,7 +61,7 @@ void look_at_dkms_remains(Report& report) {
     }
     if (std::any_of(report.findings.begin(), report.findings.end(),
                     [&](const Finding& finding) { return finding.where == version; })) {
-      continue;  // before the run it was told that the run does not look there
+      continue;  // reported as dkms-tree already
     }
     const std::string sources = kDkmsSourcePrefix + name;
     report.add("dkms-registered", "DKMS still has valta/" + name + ".", version,

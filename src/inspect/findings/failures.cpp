@@ -23,15 +23,15 @@ namespace valta::inspect {
 namespace fs = std::filesystem;
 namespace {
 
-/// The place of `path` without links in front of its last component.
+/// `path` with links resolved, except in its last component.
 std::string place_of(const std::string& path) {
   std::error_code ignored;
   const fs::path whole = path;
   return fs::weakly_canonical(whole.parent_path(), ignored) / whole.filename();
 }
 
-/// The first immutable thing that keeps `path` from being deleted: it, its directory, or what is in
-/// it; empty for none.
+/// The first immutable path that prevents the deletion of `path`: its directory, `path`, or a path
+/// below it; empty for none.
 std::string immutable_at(const std::string& path) {
   std::vector<std::string> paths = {fs::path(path).parent_path(), path};
   if (is_directory(path) && !is_symlink(path)) {
@@ -63,7 +63,7 @@ void explain_dkms(const Failure& failure, Report& report) {
   const bool is_there = std::any_of(versions.begin(), versions.end(), [&](const auto& version) {
     return last_component(version) == failure.object && is_directory(version + "/source");
   });
-  if (is_there) {  // what has no sources is told with the versions
+  if (is_there) {  // versions without sources have a finding already
     report.add("dkms-fails", "dkms fails to remove valta/" + failure.object + said(failure.words),
                "valta/" + failure.object,
                shell_command("dkms status %", {"valta/" + failure.object}));
@@ -101,7 +101,7 @@ void explain(const Failure& failure, Report& report) {
     case FailureKind::directory:
     case FailureKind::entry_type:
     case FailureKind::manifest:
-      break;  // told with the lines of the manifest
+      break;  // reported with the lines of the manifest
   }
 }
 

@@ -72,8 +72,7 @@ void explain_unit_file(const std::string& path, Report& report) {
              path, copy_and_delete(path) + systemctl_command(" && systemctl daemon-reload"));
 }
 
-/// What of `kept` its digest says, now that it is measured in a way that no name and no message
-/// disturbs.
+/// Sets the reason of `kept` with a digest that is computed without a shell: any file name works.
 void explain_file(Kept& kept, const std::string& recorded, Report& report) {
   const std::string& path = kept.path;
   const std::string digest = md5_of(path);
@@ -172,7 +171,7 @@ void look_at_kept(const Installation& installation, Report& report) {
             ? explain_directory(kept.path, paths, report)
             : explain_left(kept.path, report);
         break;
-      default:  // what is shared is explained at once
+      default:  // shared paths are explained together
         break;
     }
   }

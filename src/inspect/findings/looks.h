@@ -5,13 +5,14 @@
 #include "inspect/host/installation.h"
 #include "inspect/report/report.h"
 
-// The looks that `findings.h` puts together, each in the file of its subject.
+// The checks behind `findings.h`, each in the file of its subject.
 namespace valta::inspect {
 
-/// Where commands put a copy of what they delete.
+/// The directory where commands copy files before they delete them.
 inline constexpr const char* kCopies = "/root/valta-kept";
 
-/// What of the manifest keeps a run from most of its work: it is missing, or its format is odd.
+/// Problems of the whole manifest, which prevent most of a run's work: it is missing, or its format
+/// is wrong.
 void look_at_manifest_as_a_whole(const Installation& installation, Report& report);
 void look_at_manifest(const Installation& installation, Report& report);
 void look_at_outside_entries(const Installation& installation, Report& report);
@@ -48,7 +49,7 @@ void look_at_kept(const Installation& installation, Report& report);
 /// Why `path`, or something below it, cannot be deleted.
 void explain_removal(const std::string& path, Report& report);
 
-/// A command line of systemctl's, or none where there is no systemctl.
+/// `command`, or nothing on a host without systemctl.
 [[nodiscard]] std::string systemctl_command(const std::string& command);
 
 }  // namespace valta::inspect

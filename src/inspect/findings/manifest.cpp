@@ -25,7 +25,7 @@
 namespace valta::inspect {
 namespace {
 
-/// Those of a unit's name that mean nothing to a shell, which gets it as it stands.
+/// The characters of unit names that are not special to a shell: a run does not quote the name.
 constexpr const char* kUnitNameCharacters =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789:_.@-";
 
@@ -90,7 +90,8 @@ bool has_control_byte(std::string_view text) {
                      [](unsigned char c) { return c < ' ' || c == 0x7F; });
 }
 
-/// What `line`, which a run does not stop at, says otherwise than it seems to.
+/// How the meaning of `line` differs from its appearance; nothing if it does not. For lines that do
+/// not stop a run.
 std::optional<Damage> damage_of(const ManifestEntry& entry, const std::string& line) {
   const auto target = target_of(entry.type);
   const std::vector<std::string> fields = split(line, ' ');
@@ -167,7 +168,7 @@ bool has_upper_case_digest(const Installation& installation) {
                      });
 }
 
-/// What is at the path of the manifest in the place of its text.
+/// Why the manifest has no text.
 std::string state_of_manifest() {
   struct stat status {};
   if (stat(kUninstallManifestPath, &status) != 0) {
@@ -176,7 +177,7 @@ std::string state_of_manifest() {
   return S_ISREG(status.st_mode) ? "is empty or cannot be read" : "is not a regular file";
 }
 
-/// The directories that are the stack's own, or hold what it installs for the system.
+/// Whether `path` is in a directory of the stack, or in one of the system where it installs files.
 bool is_inside(const std::string& path, const Installation& installation) {
   return is_below(path, installation.root) || is_in_unit_directory(path) ||
          path.starts_with("/etc/mod") || path.starts_with(kDkmsSourcePrefix);

@@ -29,7 +29,7 @@ bool is_unloaded_first(const std::string& name, const std::vector<Module>& list)
          (name == kCompanion || (name == kPeerMemoryCompanion && ofed_present()));
 }
 
-/// The uses of `module` by other modules, which are told.
+/// Reports the other modules that use `module`. Returns the number of their uses.
 int look_at_modules_that_use(const Module& module, const std::vector<Module>& list,
                              Report& report) {
   int uses = 0;
@@ -64,7 +64,7 @@ int look_at_processes_that_use(const Module& module, Report& report) {
   return uses;
 }
 
-/// A lister of initial ramdisks, where its distribution has them, and how they are made again.
+/// A tool that lists an initial ramdisk, the path of the ramdisk, and the command that rebuilds it.
 struct InitrdTools {
   const char* lister;
   const char* file;  ///< in front of the kernel's release

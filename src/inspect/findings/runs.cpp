@@ -19,7 +19,7 @@
 namespace valta::inspect {
 namespace {
 
-/// What of the installation is there for another run, in words.
+/// The parts of the installation that another run can remove, in words.
 std::vector<std::string> work_left(const Installation& installation, const Report& report) {
   std::vector<std::string> left;
   if (!report.kept.empty()) {

@@ -61,7 +61,7 @@ void look_at_missing_tools(const Installation& installation, Report& report) {
   }
   if (!installation.units.empty() && !is_directory("/run/systemd/system")) {
     const std::string directory = fs::path(unit_file_path("any")).parent_path();
-    // As FILE entries the unit files are deleted all the same, if they are unchanged.
+    // With FILE entries, a run still deletes unchanged unit files.
     report.add("systemd-missing",
                "systemd does not run, so the first SERVICE entry ends a run. Make them "
                "FILE entries of their unit files.",

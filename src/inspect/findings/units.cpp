@@ -107,7 +107,7 @@ UnitState state_of(int status_of_systemctl) {
 
 void look_at_unit(const std::string& unit, Report& report) {
   if (is_bare_template(unit)) {
-    // With an instance in its place the line has the template's file deleted.
+    // With an instance instead of the template, the line deletes the template's file.
     report.add(
         "unit-template",
         unit + " is a template: its instances keep running, and systemctl has no status for it.",

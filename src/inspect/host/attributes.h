@@ -4,9 +4,8 @@
 
 namespace valta::inspect {
 
-/// Whether the kernel lets nobody delete `path`, a link not followed, or change what is in it,
-/// until its attribute "immutable" or "append only" is taken off. False where its file system has
-/// no such attributes.
+/// Whether `path`, a link not followed, has the attribute "immutable" or "append only", so that
+/// nobody can delete it or change its content. False if its file system has no such attributes.
 [[nodiscard]] bool is_immutable(const std::string& path);
 
 }  // namespace valta::inspect

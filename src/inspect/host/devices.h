@@ -15,12 +15,12 @@ struct Devices {
   [[nodiscard]] bool holds(dev_t number) const;
 };
 
-/// The numbers of the devices in `text`, whose lines are as those of /proc/devices and /proc/misc,
-/// with a name that begins with `name`.
+/// The numbers of the devices in `text`, in the format of /proc/devices and /proc/misc, whose name
+/// begins with `name`.
 [[nodiscard]] std::vector<unsigned> numbers_of(const std::string& name, const std::string& text);
 
-/// The devices of `module`: those that the kernel says belong to it, where hardware is behind them,
-/// and of others those whose name begins with that of the module.
+/// The devices of `module`: for hardware, those that the kernel links to the module; for others,
+/// those whose name begins with that of the module.
 [[nodiscard]] Devices devices_of(const std::string& module);
 
 }  // namespace valta::inspect

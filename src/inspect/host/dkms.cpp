@@ -14,7 +14,7 @@ namespace valta::inspect {
 namespace {
 
 /// The value that a shell gives to dkms_tree in the text of a configuration; empty for none. A
-/// comment behind it, quotes and blanks are not part of it.
+/// comment after it, quotes and spaces are not part of it.
 std::string tree_for_shell(const std::string& text) {
   constexpr std::string_view key = "dkms_tree=";
   std::string tree;

@@ -18,7 +18,7 @@ Installation read_installation() {
   read_regular_file(kUninstallManifestPath, text);
   installation.lines = split(text, '\n');
   installation.entries = parse_manifest(text);
-  // Without a procfs the look at it would complain on standard output.
+  // Without a procfs, running_in_container prints an error on standard output.
   const bool in_container = path_exists("/proc/self/cgroup") && running_in_container();
   for (const ManifestEntry& entry : installation.entries) {
     const auto target = target_of(entry.type);

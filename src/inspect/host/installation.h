@@ -7,7 +7,7 @@
 
 namespace valta::inspect {
 
-/// What the stack's installer left on this host, by the uninstall manifest and DKMS.
+/// The installation on this host, according to the uninstall manifest and DKMS.
 struct Installation {
   std::vector<std::string> lines;          ///< of the manifest; none when it is missing or empty
   std::vector<ManifestEntry> entries;      ///< one for each line
@@ -16,8 +16,8 @@ struct Installation {
   std::vector<std::string> registrations;  ///< the versions that DKMS has, as paths
 };
 
-/// Reads the manifest and the state of DKMS. In a container, where a run leaves units and DKMS
-/// alone, there are none of either.
+/// Reads the manifest and the state of DKMS. In a container, a run skips units and DKMS, so both
+/// lists are empty.
 [[nodiscard]] Installation read_installation();
 
 /// Where the installer put the uninstaller.

@@ -20,7 +20,7 @@ std::uint64_t number_in(const std::string& path) {
              : kUnlimited;
 }
 
-/// What the limits of the control group at `path` and of those above it leave.
+/// The memory that the limits of the control group at `path` and of its parents still allow.
 std::uint64_t left_in_groups(const std::string& hierarchy, std::string path, const char* limit,
                              const char* usage) {
   std::uint64_t left = kUnlimited;

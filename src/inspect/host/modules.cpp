@@ -44,7 +44,7 @@ std::vector<Module> parse_modules(std::string_view text) {
     }
     Module module{fields[0], fields[1], std::atoi(fields[2].c_str()), {}, {}};
     if (fields[3] != "-") {
-      module.users = split(fields[3], ',');  // each user has a comma behind it
+      module.users = split(fields[3], ',');  // each user is followed by a comma
     }
     for (auto field = kFieldsBeforeRest; field < fields.size(); ++field) {
       module.rest += " " + fields[field];

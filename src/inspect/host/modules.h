@@ -11,7 +11,7 @@ namespace valta::inspect {
 struct Module {
   std::string name;
   std::string size;
-  int uses = 0;                    ///< by modules and by whatever else holds it
+  int uses = 0;                    ///< by modules and by other users
   std::vector<std::string> users;  ///< the modules among them, and "[permanent]"
   std::string rest;                ///< state and address
 };
@@ -31,8 +31,8 @@ struct Module {
 /// The module called `name`, in which "-" and "_" are the same; null when it is not loaded.
 [[nodiscard]] const Module* find_module(const std::vector<Module>& modules, std::string_view name);
 
-/// Takes the module called `name` out of `modules`, and the uses that it made of others. Returns
-/// what rmmod says against it, without a line end, and changes nothing then.
+/// Removes the module `name` from `modules`, and its uses of other modules. If rmmod would refuse,
+/// changes nothing and returns its message, without a newline.
 [[nodiscard]] std::optional<std::string> unload_module(std::vector<Module>& modules,
                                                        const std::string& name);
 

@@ -43,7 +43,7 @@ unsigned long flags_of(std::string_view options) {
   return flags;
 }
 
-/// Blanks, tabs, line feeds and backslashes stand as "\" and three octal digits.
+/// Spaces, tabs, newlines and backslashes are "\" and three octal digits.
 std::string unescape(std::string_view field) {
   std::string text;
   for (std::size_t at = 0; at < field.size(); ++at) {
@@ -103,8 +103,8 @@ MountTree::MountTree(const std::vector<Mount>& mounts) {
 }
 
 const Mount* MountTree::on(const Mount* below, const std::string& point) const {
-  // The kernel prints the table in pieces, and a number that it gave anew between two of them can
-  // make a circle.
+  // The kernel prints the table in pieces. If it reuses a mount number between two pieces, the
+  // parents can form a cycle.
   for (std::size_t left = by_place_.size(); left > 0; --left) {
     const auto next = by_place_.find({below->id, point});
     if (next == by_place_.end() || next->second == below) {

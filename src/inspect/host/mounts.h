@@ -12,7 +12,7 @@ namespace valta::inspect {
 struct Mount {
   int id = 0;               ///< the kernel's number for it
   int parent = 0;           ///< that of the mount that it is on
-  std::string device;       ///< of the file system, as "8:1"
+  std::string device;       ///< of the file system, such as "8:1"
   std::string root;         ///< the path in the file system that it shows
   std::string point;        ///< absolute path
   std::string type;         ///< of the file system, as in /proc/filesystems
@@ -22,10 +22,10 @@ struct Mount {
 /// The mounts of /proc/self/mountinfo, in its order. Some may be hidden by others.
 [[nodiscard]] std::vector<Mount> read_mounts();
 
-/// The same for the text of such a file. Lines that are not understood are left out.
+/// The same for the text of such a file. Skips lines that it cannot parse.
 [[nodiscard]] std::vector<Mount> parse_mountinfo(std::string_view text);
 
-/// Whether `mount` holds files that a run could come to delete, and not the kernel's own.
+/// Whether `mount` can hold files that a run deletes. procfs and the like cannot.
 [[nodiscard]] bool holds_files(const Mount& mount);
 
 /// Finds mounts as the kernel does when it walks a path.
@@ -34,7 +34,7 @@ class MountTree {
   /// `mounts` must outlive the tree.
   explicit MountTree(const std::vector<Mount>& mounts);
 
-  /// The mount that shows what is at `path`, which is absolute and has no links; null when the root
+  /// The mount that has the file at `path`, which is absolute and has no links; null when the root
   /// directory is no mount.
   [[nodiscard]] const Mount* showing(const std::string& path) const;
 

@@ -30,8 +30,8 @@ std::string service_of(const std::string& group) {
   return name.ends_with(".service") && !is_users ? name : "";
 }
 
-/// The number of the character device that is open at `link`; 0 for any other file. What the kernel
-/// does not know by itself is not asked for: a file of a server that is down would hang.
+/// The number of the character device that is open at `link`; 0 for any other file. Asks only for
+/// what the kernel knows itself: a request to a server that is down would hang.
 dev_t device_at(const std::string& link) {
   struct statx status {};
   return statx(AT_FDCWD, link.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &status) == 0 &&
@@ -48,7 +48,7 @@ std::vector<std::string> process_numbers() {
   return numbers;
 }
 
-/// Whether both lead to the same file, by what the kernel knows without asking a file system.
+/// Whether both are the same file. Does not ask a file system.
 bool same_place(const std::string& one, const std::string& other) {
   struct statx a {};
   struct statx b {};
@@ -70,7 +70,7 @@ std::vector<Holder> processes_with(const Devices& devices) {
       for (const auto& file : fs::directory_iterator(process / kind, ignored)) {
         const std::string path = fs::read_symlink(file.path(), ignored);
         if (is_below(path, "/dev") && devices.holds(device_at(file.path()))) {
-          // However often it is mapped, that is one open file.
+          // Several mappings of one open file count once.
           int& uses = found[path];
           uses = kind == std::string_view("fd") ? uses + 1 : std::max(uses, 1);
         }

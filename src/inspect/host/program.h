@@ -6,7 +6,7 @@
 
 namespace valta::inspect {
 
-/// The uninstaller beside this program; empty when this program does not know its own place.
+/// The uninstaller beside this program; empty if this program does not know its own path.
 [[nodiscard]] std::string program_beside();
 
 /// The uninstaller to run on this host: the one beside this program, since a run of the installed

@@ -43,7 +43,7 @@ std::string full_log_directory() {
   while (statvfs(place.c_str(), &room) != 0 && place.has_relative_path()) {
     place = place.parent_path();
   }
-  // Some that are held in memory, without a limit, have 0 of 0.
+  // Some file systems in memory have no limit and report 0 of 0.
   const bool full =
       (room.f_bfree == 0 && room.f_blocks != 0) || (room.f_ffree == 0 && room.f_files != 0);
   return full ? place.string() : "";

@@ -30,7 +30,7 @@ constexpr std::array<std::string_view, 11> kUnitTypes = {
     ".automount", ".device", ".mount", ".path",   ".scope", ".service",
     ".slice",     ".socket", ".swap",  ".target", ".timer"};
 
-/// What systemd takes for true, in whatever case.
+/// The values that systemd reads as true, in upper or lower case.
 constexpr std::array<const char*, 6> kYes = {"1", "yes", "y", "true", "t", "on"};
 
 std::vector<std::string> files_called(const std::string& name) {
@@ -92,7 +92,8 @@ bool refuses_to_stop(const std::string& unit) {
       !files.empty() && read_regular_file(files.front(), text)) {
     refuses = read_refusal(text, refuses);
   }
-  // They are read in the order of their names; of one name the first directory's counts.
+  // systemd reads drop-ins in the order of their names. Of two with the same name, it reads the one
+  // in the first directory.
   const std::string name = full_unit_name(unit);
   std::map<std::string, std::string> drop_ins;
   for (const std::string& owner : {name, template_of(name)}) {

@@ -5,15 +5,15 @@
 
 namespace valta::inspect {
 
-/// `unit` with ".service" behind it if it names no kind of unit itself.
+/// `unit`, with ".service" appended if it has no suffix of a unit type.
 [[nodiscard]] std::string full_unit_name(const std::string& unit);
 
-/// Whether `unit` is a template without an instance, as "a@".
+/// Whether `unit` is a template without an instance, such as "a@".
 [[nodiscard]] bool is_bare_template(const std::string& unit);
 
 /// The files of `unit`, in the order of their precedence: in every directory that systemd reads,
-/// those of generators too. For an instance without a file of its own those of its template. A link
-/// that leads nowhere is none, as for systemd.
+/// including those of generators. An instance without files of its own has those of its template. A
+/// dangling link does not count, as in systemd.
 [[nodiscard]] std::vector<std::string> unit_files(const std::string& unit);
 
 /// What the text of a unit file or of a drop-in makes of `refuses`, whether the unit refuses to be

@@ -23,19 +23,19 @@ constexpr auto kPatience = 1000ms;
 constexpr auto kLeastPatience = 200ms;
 constexpr auto kPause = 1ms;
 
-/// Asks all mounts from number `first` on, and tells by `at` which one it is at.
+/// Tests all mounts from number `first` on, and stores the number of the current one in `at`.
 [[noreturn]] void ask(const std::vector<Mount>& mounts, std::size_t first,
                       std::atomic<std::size_t>& at) {
   for (at = first; at < mounts.size(); ++at) {
     struct statx status {};
-    // What the kernel remembers of a server that is down is no answer of it.
+    // Without FORCE_SYNC, the kernel answers from its cache for a server that is down.
     statx(AT_FDCWD, mounts[at].point.c_str(),
           AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_STATX_FORCE_SYNC, STATX_BASIC_STATS, &status);
   }
   _exit(0);
 }
 
-/// Whether `child`, which counts with `at`, ends before it stays at one number for `patience`.
+/// Whether `child` ends before `at` has the same value for `patience`.
 bool ends(pid_t child, const std::atomic<std::size_t>& at, std::chrono::milliseconds patience) {
   std::size_t seen = at;
   auto since = Clock::now();
@@ -62,7 +62,7 @@ std::vector<std::string> unresponsive_points(const std::vector<Mount>& mounts) {
     if (child == 0) {
       ask(mounts, first, *at);
     }
-    // Many that are down are not to take a second each.
+    // Limits the total time if many file systems do not answer.
     const auto patience = std::max<std::chrono::milliseconds>(
         kPatience / static_cast<int>(points.size() + 1), kLeastPatience);
     if (child < 0 || ends(child, *at, patience)) {

@@ -7,9 +7,9 @@
 
 namespace valta::inspect {
 
-/// The points of those of `mounts` whose file system does not answer within about a second, such as
-/// that of a server that is down. Asks in processes of its own: one that waits for such a file
-/// system cannot be ended, and is left behind until it answers.
+/// The mount points of `mounts` whose file system does not answer within about a second, for
+/// example because its server is down. Child processes test the mounts: a child that waits for such
+/// a file system cannot be killed, and is left until the file system answers.
 [[nodiscard]] std::vector<std::string> unresponsive_points(const std::vector<Mount>& mounts);
 
 }  // namespace valta::inspect

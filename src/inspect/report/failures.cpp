@@ -15,14 +15,14 @@ using namespace messages;
 
 namespace {
 
-/// A message that names what failed, between its two pieces.
+/// A message with the failed object between its two pieces.
 struct FailureMessage {
   FailureKind kind;
   std::string_view before;
   std::string_view after;
 };
 
-/// The messages that stand above that of a failed removal.
+/// The messages before that of a failed removal.
 constexpr std::array<FailureMessage, 4> kEndOfRun = {{
     {FailureKind::removal, kUninstall, kNotRemoved},
     {FailureKind::unit, kServiceRemains, kServiceRemainsEnd},
@@ -30,7 +30,7 @@ constexpr std::array<FailureMessage, 4> kEndOfRun = {{
     {FailureKind::dkms_sources, kSourcesRemain, kSourcesRemainEnd},
 }};
 
-/// Those that end no pass through the manifest.
+/// The failures that do not end the pass through the manifest.
 constexpr std::array<FailureMessage, 4> kOnTheWay = {{
     {FailureKind::configuration, kConfigurationRemains, kConfigurationRemainsEnd},
     {FailureKind::removal, kRmdir, ""},
@@ -45,7 +45,7 @@ std::optional<Failure> match(const std::string& line, const FailureMessage& mess
   return std::nullopt;
 }
 
-/// What dkms said, which is not logged.
+/// The output of dkms, which is not logged.
 std::string words_of_dkms(const std::string& output) {
   const auto start = output.find(kDkmsFailed);
   const auto end_of_line = start == std::string::npos ? start : output.find('\n', start);
@@ -62,7 +62,7 @@ std::string first_words(const std::string& words) {
   return "";
 }
 
-/// What ended the pass through the manifest, by the line `last` before the message of it.
+/// The failure that ended the pass through the manifest, from the line `last` before its message.
 Failure end_of_pass(const std::string& last, const std::string& output) {
   for (const std::string& line : split(output, '\n')) {
     if (auto type = text_between(line, kTypeOf, kUnknownType)) {
@@ -75,7 +75,7 @@ Failure end_of_pass(const std::string& last, const std::string& output) {
       return *std::move(failure);
     }
   }
-  // The library names the path behind its own words.
+  // The path follows the words of the library.
   if (auto words = text_between(last, kError, " ["); words && last.ends_with(']')) {
     return {FailureKind::directory, *text_between(last, " [", "]"), *std::move(words)};
   }

@@ -7,8 +7,8 @@
 
 namespace valta::inspect {
 
-/// What a run could not do, by the lines of its log and by its standard output, which may not be
-/// known. What ended the run comes first.
+/// The failed steps of a run, from the lines of its log and from its standard output, if that is
+/// known. The step that ended the run comes first.
 [[nodiscard]] std::vector<Failure> failures_of(const std::vector<std::string>& lines,
                                                const std::string& output);
 

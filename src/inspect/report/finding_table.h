@@ -8,11 +8,11 @@ namespace valta::inspect {
 
 enum class Severity {
   blocks,  ///< a run does not succeed, or not wholly
-  keeps,   ///< something stays that a run could have removed
+  keeps,   ///< something is left that a run could have removed
   note,    ///< worth knowing
 };
 
-/// Which commands tell of a finding.
+/// Which commands report a finding.
 enum class ToldBy { before, after, both };
 
 /// How sure the command of a finding is.
@@ -22,10 +22,10 @@ enum class StepKind {
   decide,  ///< it deletes or changes something that a person may want
 };
 
-/// What a finding is, whatever the host.
+/// The properties of a finding that are the same on every host.
 struct FindingRow {
-  std::string_view id;  ///< for programs: it does not change with the words
-  Severity severity;    ///< the worst one, of some that depend on the host
+  std::string_view id;  ///< for programs, with any wording
+  Severity severity;    ///< the highest one, if it depends on the host
   StepKind kind;        ///< of its command
   ToldBy told_by;
   std::string_view meaning;  ///< as in the manual page

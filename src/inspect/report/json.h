@@ -4,7 +4,7 @@
 
 namespace valta::inspect {
 
-/// Prints `report` for programs: one JSON object, in ASCII, with a line end. Bytes that are not
+/// Prints `report` for programs: one JSON object, in ASCII, with a newline. Bytes that are not
 /// UTF-8 become U+FFFD.
 void print_json(const Report& report);
 

@@ -10,8 +10,8 @@ namespace valta::inspect {
   return text.find(part) != std::string_view::npos;
 }
 
-/// What stands in `line` between the first `before` and the last `after` behind it. Some messages
-/// lack their line end, so neither has to stand at an end of the line.
+/// The text in `line` between the first `before` and the last `after` that follows. Some messages
+/// have no newline, so both can be anywhere in the line.
 [[nodiscard]] inline std::optional<std::string> text_between(const std::string& line,
                                                              std::string_view before,
                                                              std::string_view after) {

@@ -8,23 +8,23 @@
 
 namespace valta::inspect {
 
-/// What the program was asked for.
+/// The command of the program.
 enum class Command { before, after };
 
-/// What a run comes to, the good ones first.
+/// The result of a run, successes first.
 enum class Outcome {
-  done,          ///< all that could be removed is gone
-  clean,         ///< nothing was there
-  kept,          ///< changed files stay
-  shared,        ///< files stay for the toolkit or for the program
+  done,          ///< everything that could be removed is removed
+  clean,         ///< there was nothing to remove
+  kept,          ///< changed files are kept
+  shared,        ///< files are kept for the toolkit or the installed copy
   busy,          ///< a module is in use
-  failed,        ///< something that had to go is still there
+  failed,        ///< something that had to be removed is left
   nothing_done,  ///< the run ended before it did anything
-  unfinished,    ///< the run did not come to its end
-  unknown,       ///< there is nothing to judge by
+  unfinished,    ///< the run did not complete
+  unknown,       ///< the result cannot be determined
 };
 
-/// One thing to know about the host or the run, and what to do about it.
+/// A fact about the host or the run, and a command for it.
 struct Finding {
   FindingId id;
   Severity severity;
@@ -35,14 +35,14 @@ struct Finding {
 
 enum class FileKind { file, link, directory, other };
 
-/// A file system object that is gone.
+/// A removed path.
 struct Removal {
   std::string path;
   FileKind kind;
   bool is_listed = false;  ///< in the manifest, or as the file of a unit of it
 };
 
-/// Why a path of the manifest stays.
+/// Why a path of the manifest is kept or left.
 enum class KeptReason {
   changed,
   toolkit,
@@ -57,7 +57,7 @@ struct Kept {
   KeptReason reason;
 };
 
-/// What a dry run did with a unit, or what systemd says of it afterwards.
+/// The action of a dry run on a unit, or the state of the unit after a run.
 enum class UnitState { disabled, stopped, refused, active, known, unknown, untold };
 
 struct Service {
@@ -65,7 +65,7 @@ struct Service {
   UnitState state;
 };
 
-/// What DKMS has left of a version.
+/// What is left of a DKMS version.
 enum class DkmsState { registered, sources };
 
 struct DkmsVersion {
@@ -73,11 +73,11 @@ struct DkmsVersion {
   DkmsState state;
 };
 
-/// What a run could not do, by its messages.
+/// A failed step of a run, according to its messages.
 enum class FailureKind {
   removal,        ///< a path could not be deleted
   configuration,  ///< the same for a configuration path
-  directory,      ///< a DIR entry could not be looked at
+  directory,      ///< a DIR entry could not be read
   unit,           ///< systemd still knows it
   dkms,           ///< `dkms remove` of a version failed
   dkms_sources,   ///< the sources of a version could not be deleted
@@ -93,12 +93,12 @@ struct Failure {
   std::string words;   ///< of the tool or the library that failed; may be empty
 };
 
-/// All that one call of the program has to say.
+/// The complete result of one call of the program.
 struct Report {
   Command command = Command::before;
   Outcome outcome = Outcome::unknown;
   std::string reason;         ///< a sentence; may be empty
-  std::optional<int> status;  ///< what the run ended with, or would end with
+  std::optional<int> status;  ///< of the run, or of the predicted run
   std::string console;        ///< the run's standard error
   std::string output;         ///< the run's standard output
   std::string log;
@@ -132,11 +132,11 @@ struct Report {
 /// Whether `report` has a finding `id`.
 [[nodiscard]] bool has_finding(const Report& report, FindingId id);
 
-/// Whether a run with this outcome succeeds, with or without something that stays.
+/// Whether a run with this outcome succeeds, even if it keeps something.
 [[nodiscard]] bool succeeds(Outcome outcome);
 
 /// The exit status for `report`: 0, 1 for a run that succeeds and keeps something, 2 for one that
-/// does not succeed, 3 when there was nothing to judge by. Of a run to come, findings decide, too.
+/// does not succeed, 3 if the result is unknown. For a predicted run, findings count, too.
 [[nodiscard]] int exit_status(const Report& report);
 
 }  // namespace valta::inspect

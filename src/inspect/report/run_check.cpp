@@ -20,7 +20,7 @@ using namespace messages;
 
 namespace {
 
-/// Statuses of a program, or of the shell in its place, that did not come to do anything.
+/// The exit statuses of a program that did nothing, or of a shell that could not start it.
 const std::map<int, const char*> kNeverStarted = {
     {1, "its log could not be opened, or the program could not be loaded"},
     {7, "it lost the rights of root"},
@@ -37,7 +37,7 @@ std::size_t count(std::string_view text, std::string_view part) {
   return found;
 }
 
-/// What stands between `before` and `after` in the lines that have both, each once.
+/// The texts between `before` and `after` in the lines that have both, each once.
 std::vector<std::string> all_between(const std::vector<std::string>& lines, std::string_view before,
                                      std::string_view after) {
   std::vector<std::string> found;
@@ -70,7 +70,7 @@ void take_paths(const std::vector<std::string>& lines, Report& report) {
   keep(kUninstall, kNotEmpty, KeptReason::not_empty);
 }
 
-/// The line of `lines` that `fits`, without what stands in front of its message; empty for none.
+/// The message of the first line that `fits`, without its level; empty for none.
 template <typename Fits>
 std::string message_of(const std::vector<std::string>& lines, const Fits& fits) {
   const auto found = std::find_if(lines.begin(), lines.end(), fits);
@@ -85,7 +85,7 @@ std::string message_of(const std::vector<std::string>& lines, const Fits& fits) 
   return *found;
 }
 
-/// What went wrong: what the run failed at, or its first error.
+/// The step at which the run failed, or its first error.
 std::string first_error(const std::vector<std::string>& lines, const RunRecord& run,
                         const Report& report) {
   if (!report.failures.empty()) {
@@ -109,7 +109,7 @@ struct Verdict {
   std::string reason;
 };
 
-/// A run that ended well by its own account.
+/// A run that reports success.
 Verdict check_success(const RunRecord& run, const std::string& log,
                       const std::vector<std::string>& lines, const Report& report) {
   const std::string error = first_error(lines, run, report);
@@ -166,7 +166,7 @@ Verdict check_by_log(const RunRecord& run, const std::vector<std::string>& lines
     return {Outcome::unknown, "there is no log of a run"};
   }
   const std::string& log = *run.log;
-  // A second run empties the log while the first one goes on writing where it was.
+  // A second run empties the log while the first one continues to write at its old offset.
   if (has_nul(log) || count(log, kDriverPrefix) > 1) {
     return {Outcome::unknown, "two runs wrote to the log at the same time"};
   }
@@ -182,7 +182,7 @@ Verdict check_by_log(const RunRecord& run, const std::vector<std::string>& lines
   if (run.status && succeeded != (status == 0)) {
     return {Outcome::unknown, "the log and the exit status are of different runs"};
   }
-  // The run prints how it ended; an empty file stands for a standard error that nobody kept.
+  // The run prints how it ended; an empty file means that the standard error was not kept.
   if (!run.console.empty() && !contains(run.console, succeeded ? kSucceeded : kFailed)) {
     return {Outcome::unknown, "the log and the standard error are of different runs"};
   }

@@ -8,10 +8,10 @@
 
 namespace valta::inspect {
 
-/// What a run left to judge it by.
+/// The results of a run.
 struct RunRecord {
   std::optional<int> status;               ///< if it is known
-  std::string console;                     ///< standard error; empty when nobody kept it
+  std::string console;                     ///< standard error; empty if it was not kept
   std::string output;                      ///< standard output, likewise
   std::optional<std::string> log;          ///< none when there is no log
   std::vector<std::string> registrations;  ///< what DKMS still has of the module, as paths
@@ -20,16 +20,14 @@ struct RunRecord {
   bool has_kernel_modules = true;          ///< whether there is anything for depmod to refresh
 };
 
-/// Judges a run: sets the outcome, its reason, the status, the texts, and what the log says of the
-/// paths of the manifest (`removed`, `kept`; the kind of what is gone is not in the log, `other`)
-/// and of the drivers that it unloaded.
+/// Checks a run: sets the outcome, its reason, the status and the texts. Sets `removed`, `kept` and
+/// `unloaded` from the log, which does not have the kinds of removed paths: they are `other`.
 ///
-/// A status of 0 is no proof: the program ends with it, for one, when a clean-up failed that came
-/// too late to matter to its caller. So "done" takes a complete log without any sign of trouble.
+/// A status of 0 does not prove success: without a loaded driver the program ends with 0 whatever
+/// fails. So "done" needs a complete log without an error.
 void check_run(const RunRecord& run, Report& report);
 
-/// Whether the run that was checked came as far as the manifest, so that what is left of it is left
-/// for a reason.
+/// Whether the checked run reached the manifest, so that each path that is left has a reason.
 [[nodiscard]] bool came_to_the_manifest(const Report& report);
 
 /// Whether it left units and DKMS alone.

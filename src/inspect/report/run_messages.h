@@ -2,8 +2,8 @@
 
 #include <string_view>
 
-/// The pieces of the uninstaller's messages by which a run is known. scripts/check-docs holds each
-/// to the message that it is a piece of.
+/// Pieces of the uninstaller's messages that the inspector searches for. scripts/check-docs checks
+/// that a message contains each of them.
 namespace valta::inspect::messages {
 
 inline constexpr std::string_view kError = "Error: ";
@@ -19,7 +19,7 @@ inline constexpr std::string_view kSucceeded = "Successfully uninstall driver.";
 inline constexpr std::string_view kFailed = "Driver uninstall failed.";
 inline constexpr std::string_view kClosing = "Driver uninstall log is in ";
 
-// What became of a path of the manifest: in front of its name, and behind it.
+// The result for a path of the manifest: the text before and after the path.
 inline constexpr std::string_view kUninstall = "Uninstall: ";
 inline constexpr std::string_view kRemoved = " Succeed.";
 inline constexpr std::string_view kNotEmpty = " not empty skip.";
@@ -31,7 +31,7 @@ inline constexpr std::string_view kToolkitKeeps = "Toolkit not uninstalled. Skip
 inline constexpr std::string_view kProgramKeeps = "Driver not uninstalled. Skipping remove ";
 inline constexpr std::string_view kDirectoryFailed = "catched ";
 
-// What went wrong, or was left out, on the way.
+// Failed and skipped steps.
 inline constexpr std::string_view kNotRemoved = " Failed.";
 inline constexpr std::string_view kNotUnloaded = "Failed to uninstall driver ";
 inline constexpr std::string_view kServiceRemains = "    service ";

@@ -37,7 +37,8 @@ class Page {
     heading(title);
   }
 
-  /// `text` in lines of 80 columns, `indent` blanks in front. A word that is longer has its own.
+  /// `text` in lines of 80 columns, indented by `indent` spaces. A longer word has a line of its
+  /// own.
   void paragraph(const std::string& text, std::size_t indent) const {
     std::string line;
     for (const std::string& word : split(escaped(text), ' ')) {
@@ -50,7 +51,7 @@ class Page {
     std::printf("%*s%s\n", static_cast<int>(indent), "", line.c_str());
   }
 
-  /// A command is one line, however long: it is there to be copied, with a comment about it.
+  /// A command is one line of any length, so that it can be copied.
   static void command(const std::string& text, StepKind kind) {
     std::printf("      %s  # %s\n", text.c_str(), name_of(kind));
   }

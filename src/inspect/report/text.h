@@ -4,8 +4,8 @@
 
 namespace valta::inspect {
 
-/// Prints `report` for people, 80 columns wide. What is many is counted, and listed when `verbose`.
-/// Control characters, which a path may hold, are shown as "?".
+/// Prints `report` for people, 80 columns wide. Long lists are counted, and printed only if
+/// `verbose`. Control characters are printed as "\" and three octal digits.
 void print_text(const Report& report, bool verbose);
 
 }  // namespace valta::inspect
