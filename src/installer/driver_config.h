@@ -8,8 +8,8 @@
 namespace valta {
 
 #pragma pack(push, 1)
-/// What the driver is to be installed with. Its fields follow each other without padding, so the
-/// texts lie unaligned. Flags that nobody sets are zero.
+/// The configuration for an installation of the driver. Its fields follow each other without
+/// padding, so the texts lie unaligned. Flags that nobody sets are zero.
 struct DriverConfig {
   /// The place of the toolkit path among the texts; the others are for an installation.
   static constexpr std::size_t kToolkitPath = 2;

@@ -75,7 +75,7 @@ ResultCode DriverInstaller::uninstall() const {
   }
   if (!driver_removed) {
     zvlogger::log(LogLevel::Info, "No driver installed. try uninstall utils.\n");
-    // The host is rid of the driver, which is what callers ask; what is left over is in the log.
+    // No driver is loaded, and callers ask for no more. The log has the rest.
     static_cast<void>(remove_driver(""));
   }
   return ResultCode::success;

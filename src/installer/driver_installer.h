@@ -18,7 +18,7 @@ inline constexpr std::array<const char*, 2> kDriverNames = {"kq_driver", "zephan
 /// A module parameter text and whether it is enabled.
 using ModuleParameter = std::pair<std::string, bool>;
 
-/// The texts of the enabled `parameters`, in order, separated by one blank.
+/// The texts of the enabled `parameters`, in order, separated by one space.
 [[nodiscard]] std::string join_enabled(const std::vector<ModuleParameter>& parameters);
 
 /// Installs and uninstalls the driver stack. This program only uninstalls.
@@ -28,21 +28,21 @@ class DriverInstaller final : public Installer {
   /// and reads the version of the host's operating system.
   explicit DriverInstaller(const DriverConfig& config);
 
-  /// The three steps of an installation: none is part of this program. Each says so in the log
-  /// (Error) and returns `failure`.
+  /// The three steps of an installation: this program has none of them. Each logs that at Error and
+  /// returns `failure`.
   [[nodiscard]] ResultCode install_driver() override;
   [[nodiscard]] ResultCode install_firmware() override;
   [[nodiscard]] ResultCode write_host_configuration() override;
 
-  /// Removes every loaded driver with all that was installed beside it, or, when none is loaded,
-  /// what was installed alone. The first driver whose removal fails ends it with that code; without
-  /// a loaded driver it always succeeds. Logs what it visits; a failed driver is a Print line.
+  /// Removes every loaded driver and the installed files; without a loaded driver, only the
+  /// installed files. Ends with the code of the first driver that cannot be removed; always
+  /// succeeds without a loaded driver. Logs each driver, and a failed one at Print.
   [[nodiscard]] ResultCode uninstall() const;
 
   /// Where the driver is installed, with a "/" at the end.
   [[nodiscard]] const std::string& driver_prefix() const { return driver_prefix_; }
 
-  /// The host's VERSION_ID; empty when it does not tell.
+  /// The host's VERSION_ID; empty if it has none.
   [[nodiscard]] const std::string& os_version() const { return os_version_; }
 
  private:

@@ -16,8 +16,8 @@ class Installer {
   /// Installs the firmware and settles the virtual-GPU and DKMS choices.
   [[nodiscard]] virtual ResultCode install_firmware() = 0;
 
-  /// Writes the host configuration: modules loaded at boot, module options, system services, what
-  /// the initial ramdisk leaves out.
+  /// Writes the host configuration: modules loaded at boot, module options, system services,
+  /// modules that the initial ramdisk omits.
   [[nodiscard]] virtual ResultCode write_host_configuration() = 0;
 
  protected:

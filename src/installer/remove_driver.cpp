@@ -115,8 +115,7 @@ ResultCode remove_driver(const std::string& name) {
   }
   switch (module_status(name)) {
     case ModuleStatus::not_loaded:
-      // It was loaded a moment ago, so somebody else has just unloaded it and may be using its
-      // files.
+      // It was loaded a moment ago. Another process has unloaded it and may use its files.
       return ResultCode::success;
     case ModuleStatus::match_error:
       zvlogger::log(LogLevel::Error, "Internal error.\n");

@@ -9,11 +9,11 @@ namespace valta {
 /// Printed between single quotes, so the inner ones make it read as two quoted package names.
 inline constexpr const char* kKmodPackage = "module-init-tools' or 'kmod";
 
-/// What uninstalling needs.
+/// The tools that an uninstallation needs.
 inline constexpr std::array<RequiredUtility, 1> kUninstallUtilities = {
     {{"rmmod", kKmodPackage, false}}};
 
-/// What installing needs.
+/// The tools that an installation needs.
 inline constexpr std::array<RequiredUtility, 17> kInstallUtilities = {{
     {"ldconfig", "glibc", false},
     {"ldd", "glibc", false},

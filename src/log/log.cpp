@@ -68,7 +68,7 @@ void init(const std::string& path) {
     std::fputs("Failed to init zvlogger.\n", stderr);
     std::exit(EXIT_FAILURE);
   }
-  // The commands of a run inherit what is open, and must not write here.
+  // The commands of a run inherit open files, and must not write to this one.
   fcntl(fileno(logger.file), F_SETFD, FD_CLOEXEC);
 }
 

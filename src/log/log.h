@@ -5,7 +5,7 @@
 
 namespace valta {
 
-/// What a message is: selects its prefix in the log file and whether the console shows it.
+/// The level of a message: selects its prefix in the log file, and whether standard error shows it.
 /// The values index the prefix table.
 enum class LogLevel : std::int8_t {
   Debug = 0,    ///< "Debug: ", file only
@@ -16,7 +16,7 @@ enum class LogLevel : std::int8_t {
   Emerge = 5,   ///< "Emerge: ", file and standard error, quiet or not
 };
 
-/// Where a run logs.
+/// The log of a run.
 inline constexpr const char* kLogPath = "/var/log/zephanorvalta/driver_uninstaller.log";
 
 /// The one log of the process. Every other module writes through it.
@@ -33,15 +33,15 @@ void init(const std::string& path);
 /// Writes one message, formatted as by printf, with the level's prefix in the file and without it
 /// on the console. `format` carries its own "\n". The file is flushed before the call returns.
 ///
-/// Without an open file (before `init`, after `close`) only the console sees the message. A message
-/// that cannot be formatted is not written to the file, and neither is one that its file system has
-/// no room for; nobody is told. Safe to call from several threads.
+/// Without an open file (before `init`, after `close`) the message only goes to standard error. A
+/// message that cannot be formatted, or for which the file system has no space, is not written to
+/// the file, without an error. Safe to call from several threads.
 [[gnu::format(printf, 2, 3)]] void log(LogLevel level, const char* format, ...);
 
 /// Closes the log file if one is open. Call when no other thread logs.
 void close();
 
-/// Keeps messages of level `Print` off the console from now on; the file still gets them.
+/// From now on, messages of level `Print` only go to the file.
 void set_quiet();
 
 }  // namespace zvlogger

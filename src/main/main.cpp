@@ -38,7 +38,7 @@ bool refused_to_non_root() {
 
 void change_to_home() {
   const char* const home = std::getenv("HOME");
-  // Where the run starts from is a matter of taste: a home that is missing does not end it.
+  // A run works from any directory, so a missing home is no error.
   [[maybe_unused]] const int ignored = chdir(home == nullptr ? "/" : home);
 }
 
@@ -59,7 +59,7 @@ ResultCode run(const DriverConfig& config) {
   if (!check_system_utilities(utilities.data(), static_cast<int>(utilities.size()))) {
     zvlogger::log(LogLevel::Error, "Check utils failed. please refer guide in log.\n");
     // A host without kernel tools has loaded no driver of its own. Scripts that call this program
-    // on every host they manage take such a host for done.
+    // on all their hosts count such a host as done.
     return ResultCode::success;
   }
   change_to_home();
@@ -69,7 +69,7 @@ ResultCode run(const DriverConfig& config) {
   return code;
 }
 
-/// A file opened in the place of a closed standard stream would get what is meant for the stream.
+/// Without them, a file that is opened gets the number of a closed stream, and its output.
 void open_standard_streams() {
   int descriptor = -1;
   do {
@@ -80,7 +80,7 @@ void open_standard_streams() {
   }
 }
 
-/// Makes the process independent of what its caller did to signals and the standard streams.
+/// Makes the process independent of its caller's signals and standard streams.
 void settle_process() {
   open_standard_streams();
 #ifdef VALTA_STATIC
@@ -88,12 +88,12 @@ void settle_process() {
   // "~user" of a DKMS tree is looked up in /etc/passwd alone.
   __nss_configure_lookup("passwd", "files");
 #endif
-  // Ignored by the caller, it would hide the exit codes of the commands.
+  // If the caller ignores it, the exit codes of the commands are lost.
   std::signal(SIGCHLD, SIG_DFL);
-  // A console that goes away must not end a run half done. The commands, which inherit what is
-  // ignored but no handler, keep their own ways.
+  // A closed pipe must not end a run half done. A handler, unlike an ignored signal, is not
+  // inherited by the commands.
   std::signal(SIGPIPE, [](int /*signal*/) {});
-  // What goes past the log stays in order with the console's lines.
+  // Keeps lines on standard output in order with those on standard error.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
@@ -109,7 +109,7 @@ int main() {
   settle_process();
   set_umask();
   zvlogger::init(kLogPath);
-  // Everything below deletes, so it is guarded here too, whatever comes to stand above.
+  // Everything below deletes, so the user is checked here again.
   if (refused_to_non_root()) {
     return kNotRootAnymore;
   }

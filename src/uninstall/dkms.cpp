@@ -14,7 +14,7 @@
 namespace valta {
 namespace {
 
-/// What `dkms remove` exits with for a version that it does not know: nothing is left to remove.
+/// The exit status of `dkms remove` for a version that it does not know: nothing is left to remove.
 constexpr std::uint32_t kUnknownVersion = 3;
 
 ResultCode remove_registration(const std::string& version) {

@@ -7,7 +7,8 @@
 
 namespace valta {
 
-/// Where the stack's installer unpacks the sources of a version, wherever DKMS has its source tree.
+/// The directory where the stack's installer unpacks the sources of a version; the version follows.
+/// It does not depend on the source tree of DKMS.
 inline const std::string kDkmsSourcePrefix = "/usr/src/valta-";
 
 /// Whether `path`, in the DKMS tree of a module, is a version of it: DKMS keeps links beside the
@@ -15,11 +16,11 @@ inline const std::string kDkmsSourcePrefix = "/usr/src/valta-";
 [[nodiscard]] bool is_version_directory(const std::string& path);
 
 /// Removes every version of the driver's DKMS module that DKMS knows, with `dkms remove`, and its
-/// source tree under /usr/src. The argument is ignored: there is one module, whatever asks.
+/// source tree under /usr/src. The argument is ignored, because there is only one module.
 ///
 /// Returns `dkms_missing` when `dkms` is not on the search path, and `dkms_failed` at the first
-/// version whose removal failed; those before it stay removed. A failed `dkms remove` is reported
-/// on standard output, everything else in the log.
+/// version whose removal failed; earlier ones are removed. A failed `dkms remove` is reported on
+/// standard output, everything else in the log.
 [[nodiscard]] ResultCode RemoveDkmsModule(const std::string& path);
 
 /// Handles a "DKMS" entry with `RemoveDkmsModule`. Inside a container, and on a host without DKMS,

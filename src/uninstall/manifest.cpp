@@ -11,7 +11,7 @@
 namespace valta {
 namespace {
 
-/// Each token also fills the fields behind its own: that decides what a short line yields.
+/// Each token also fills the fields after its own, for short lines.
 ManifestEntry parse_line(std::string_view line) {
   ManifestEntry entry;
   FieldReader tokens(line, ' ');

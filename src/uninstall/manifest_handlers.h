@@ -10,16 +10,16 @@
 
 namespace valta {
 
-/// Removes what one manifest entry names.
+/// Removes the object of one manifest entry.
 using ManifestHandler = ResultCode (*)(const ManifestEntry&);
 
 /// The handler of each type keyword.
 extern const std::unordered_map<std::string, ManifestHandler> ManifestHandlers;
 
-/// What the second field of a manifest line names.
+/// The kind of object in the second field of a manifest line.
 enum class EntryTarget { prefix, file, link, directory, unit, dkms_module };
 
-/// What an entry of the type `keyword` names; nothing for a type without handler.
+/// The kind of object in an entry of the type `keyword`; nothing for a type without handler.
 [[nodiscard]] std::optional<EntryTarget> target_of(const std::string& keyword);
 
 /// Whether an entry of the type `keyword` names a path that a run may delete.
@@ -27,10 +27,10 @@ enum class EntryTarget { prefix, file, link, directory, unit, dkms_module };
 
 /// Hands every entry, in order, to the handler of its type.
 ///
-/// Stops at the first entry that fails and returns its code: later entries are not visited, earlier
-/// ones stay handled. A type without handler fails with `failure` and a line on standard output,
-/// past the log. Returns success when every entry was done, skipped or tolerated, and then tells
-/// the administrator (Print) if changed files were kept. Passes on what a handler throws.
+/// Stops at the first entry that fails and returns its code. A type without handler fails with
+/// `failure` and a line on standard output, which is not logged. Returns success if every entry was
+/// done, skipped or tolerated, and then logs at Print if changed files were kept. Does not catch
+/// the exceptions of handlers.
 [[nodiscard]] ResultCode ProcessManifestEntries(const std::vector<ManifestEntry>& entries);
 
 }  // namespace valta

@@ -5,8 +5,8 @@
 
 namespace valta {
 
-// What the handlers of manifest entries share. It lives for the whole run, so a second pass over
-// the manifest meets what the first one left. Plain data of a single-threaded program.
+// The shared state of the handlers of manifest entries. It exists for the whole run, so a second
+// pass over the manifest has the state of the first one. Plain data of a single-threaded program.
 
 /// The installation prefix; empty until a "VALTA" entry sets it.
 inline std::string InstalledPath;

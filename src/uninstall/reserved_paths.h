@@ -19,8 +19,8 @@ inline constexpr std::array<std::string_view, 9> ReservedPaths = {
     "copyright",
 };
 
-/// Whether what stands in `path` behind the length of `prefix`, without leading "/" characters, is
-/// a reserved path. The front of `path` is not compared with `prefix`.
+/// Whether the part of `path` after the length of `prefix`, without leading "/" characters, is a
+/// reserved path. The beginning of `path` is not compared with `prefix`.
 [[nodiscard]] bool IsReservedPath(std::string_view path, std::string_view prefix);
 
 }  // namespace valta

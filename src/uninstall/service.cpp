@@ -15,8 +15,8 @@ namespace valta {
 namespace {
 
 bool unchanged(const std::string& path, const std::string& digest) {
-  // The look-up leaves an empty digest behind: a later FILE entry of this path finds it and leaves
-  // alone what was kept here.
+  // The look-up adds an empty digest: a later FILE entry of this path finds it and keeps the file,
+  // too.
   return DigestCache[path] == digest || file_md5(path) == digest;
 }
 
@@ -46,7 +46,7 @@ ResultCode HandleServiceEntry(const ManifestEntry& entry) {
                     unit_file.c_str());
       return ResultCode::success;
     }
-    // A file that stays shows up as a unit that systemd still knows.
+    // If this fails, systemd still knows the unit, which is reported below.
     std::remove(unit_file.c_str());
     log_removal(unit_file, true);
   }

@@ -10,8 +10,8 @@ namespace valta {
 /// forget the unit, and for a template stops the slice of its instances.
 ///
 /// The digest that `DigestCache` holds for the unit file counts first. Where it holds none, an
-/// empty digest counts as the recorded one: `SERVICE a` with two spaces behind it deletes the unit
-/// file whatever it holds, while `SERVICE a` has the digest "a" and keeps it. Logs each step and
+/// empty digest counts as the recorded one: `SERVICE a` with two spaces at its end deletes the unit
+/// file even if it was changed, but `SERVICE a` has the digest "a" and keeps it. Logs each step and
 /// its outcome.
 ///
 /// Returns `tolerated` inside a container, where nothing is done; success when systemd no longer

@@ -19,7 +19,7 @@ struct InstalledPackages {
 
 std::optional<InstalledPackages> probed;
 
-/// Below a root with a NUL byte nobody can look: the marker may be there.
+/// Below a root with a NUL byte, no path can be checked: the marker may exist.
 bool marker_exists(const std::string& root, const char* marker) {
   return has_nul(root) ||
          path_exists(std::filesystem::path(root.empty() ? default_install_root() : root) / marker);

@@ -4,7 +4,7 @@
 
 namespace valta {
 
-/// Whether `unit` is a template or an instance of one, as "a@" and "a@b".
+/// Whether `unit` is a template or an instance, such as "a@" or "a@b".
 [[nodiscard]] bool is_of_template(const std::string& unit);
 
 /// The text before the first "@" of a template or an instance.

@@ -5,8 +5,7 @@
 
 namespace valta {
 
-/// What a command leaves behind. `status` starts at 0, which is what callers see of a command whose
-/// shell could not be started.
+/// The result of a command. `status` starts at 0, and is still 0 if the shell could not be started.
 struct CommandResult {
   std::string output;
   std::uint32_t status = 0;
@@ -16,9 +15,9 @@ struct CommandResult {
 ///
 /// `output` is cleared, then holds all of standard output and standard error in the order the pipe
 /// delivered them. `status` receives the exit code (0-255); a shell killed by a signal gives 0.
-/// Returns false, leaving `status` alone, when the shell could not be started, which holds for a
-/// command with a NUL byte too: the shell would run its front part only. A command that fails is no
-/// error here. Quotes nothing and logs nothing.
+/// Returns false, leaving `status` alone, when the shell could not be started, and for a command
+/// with a NUL byte: the shell would run only the part before it. A command that fails is no error
+/// here. Quotes nothing and logs nothing.
 [[nodiscard]] bool run_command(const std::string& command, std::string& output,
                                std::uint32_t& status);
 
@@ -30,7 +29,7 @@ bool run_command_quiet_status(const std::string& command, std::string& output);
                                         std::uint32_t& status, bool merge_stderr);
 
 /// Whether `command`, run as by `run_command`, was started and ended with exit code 0. `result`
-/// holds what it printed and its exit code.
+/// holds its output and its exit code.
 [[nodiscard]] bool succeeds(const std::string& command, CommandResult& result);
 
 }  // namespace valta

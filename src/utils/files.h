@@ -20,12 +20,12 @@ namespace valta {
 /// Whether `path` itself is a symbolic link.
 [[nodiscard]] bool is_symlink(const std::string& path);
 
-/// Reads a file whose size the kernel does not tell, as those under /proc.
+/// Reads a file whose size the kernel does not report, such as those under /proc.
 ///
-/// Appends to `text`. Reads 1024 bytes at a time and takes of each read what stands before its
-/// first NUL byte. Returns false when the file cannot be opened, after printing
-/// "Failed to open PATH" to standard output, past the log. What cannot be read, as in a directory,
-/// is taken as the end of the file.
+/// Appends to `text`. Reads 1024 bytes at a time and uses the bytes of each read before its first
+/// NUL byte. Returns false when the file cannot be opened, after printing "Failed to open PATH" to
+/// standard output, which is not logged. A read error, such as in a directory, counts as the end of
+/// the file.
 bool read_file_chunked(const std::string& path, std::string& text);
 
 /// Reads a whole file, NUL bytes included, and replaces `text` with it.

@@ -7,7 +7,7 @@
 
 namespace valta {
 
-/// What /etc/os-release tells of the distribution, without double quotes.
+/// The distribution in /etc/os-release, without double quotes.
 struct OsRelease {
   std::string id;
   std::string version_id;
@@ -28,8 +28,8 @@ mode_t set_umask();
 void read_os_release(OsRelease& release);
 
 /// Takes the values out of the text of an os-release file. Lines are matched by substring and the
-/// last match wins: a VARIANT_ID or BUILD_ID line after the ID line replaces `id`. A value that no
-/// line gives stays as it was.
+/// last match wins: a VARIANT_ID or BUILD_ID line after the ID line replaces `id`. A value without
+/// a line does not change.
 void parse_os_release(std::string_view text, OsRelease& release);
 
 }  // namespace valta

@@ -12,7 +12,7 @@ namespace valta {
 [[nodiscard]] std::vector<std::string> names_in(const std::string& directory);
 
 /// The paths below `directory`, itself not included, directories too, sorted. Links are not
-/// followed. What may not be read is left out.
+/// followed. Skips directories that cannot be read.
 [[nodiscard]] std::vector<std::string> paths_below(const std::string& directory);
 
 }  // namespace valta

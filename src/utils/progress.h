@@ -2,8 +2,8 @@
 
 namespace valta {
 
-/// Says that this process begins with the step `text`, which lives as long as the program: for the
-/// process that waits for it, and shows it to people.
+/// Announces that this process begins the step `text`, a string literal. The process that waits for
+/// this one shows the step.
 void begin_step(const char* text);
 
 /// The step that this process or, once it has forked, its child has begun last.

@@ -10,10 +10,10 @@ namespace valta {
 
 /// Whether a directory of the search path holds an executable file called `name`.
 ///
-/// Side effect: appends the system directories to `PATH`, drops repeated directories (the first
-/// stays) and stores the result, so that every later command finds the system's tools whatever the
-/// caller's environment was. Empty fields stay: this look-up takes one for the root directory, the
-/// shell, which runs the commands, for its current one. A file that is not
+/// Side effect: appends the system directories to `PATH`, drops repeated directories (keeps the
+/// first) and stores the result, so that every later command finds the system's tools whatever the
+/// caller's environment was. Empty fields are kept: this function reads one as the root directory,
+/// but the shell that runs the commands reads it as the current directory. A file that is not
 /// executable does not hide one further on.
 [[nodiscard]] bool find_in_path_executable(const std::string& name);
 

@@ -5,8 +5,8 @@
 
 namespace valta {
 
-/// A value that this process shares with the processes that it forks from now on. `Value` is of the
-/// kind that needs no destructor and no lock, such as std::atomic of a number.
+/// A value that this process shares with the processes that it forks from now on. `Value` must need
+/// no destructor and no lock, such as std::atomic of a number.
 template <typename Value>
 class SharedMemory {
  public:

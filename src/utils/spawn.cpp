@@ -12,7 +12,7 @@
 namespace valta {
 namespace {
 
-/// What a child does to its streams before it executes its program.
+/// Prepares the streams of a child before it executes its program.
 class Streams {
  public:
   Streams() { posix_spawn_file_actions_init(&actions_); }

@@ -5,7 +5,7 @@
 
 namespace valta {
 
-/// Whether a command that is run without a shell shows what it prints.
+/// Whether the output of a command that is run without a shell is shown.
 enum class Printing { shown, silent };
 
 /// The exit status of a program that cannot be started, or that a signal ends.
@@ -16,7 +16,7 @@ inline constexpr int kNotRun = 127;
 [[nodiscard]] int exit_status_of(std::vector<std::string> command, Printing printing);
 
 /// Runs `command` in the same way with the regular file `input` as its standard input, and puts its
-/// standard output into `output`. Returns whether it ended with exit status 0. What it complains of
+/// standard output into `output`. Returns whether it ended with exit status 0. Its standard error
 /// is dropped.
 [[nodiscard]] bool output_of(std::vector<std::string> command, const std::string& input,
                              std::string& output);

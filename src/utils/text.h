@@ -7,7 +7,7 @@
 
 namespace valta {
 
-/// Whether `text` holds a NUL byte: the system would take its front part for the whole.
+/// Whether `text` holds a NUL byte: the system would use only the part before it.
 [[nodiscard]] bool has_nul(std::string_view text);
 
 /// Walks the fields of a text as a line reader does: every field counts, empty ones too; a
@@ -31,11 +31,11 @@ std::vector<std::string> split(std::string_view text, char delimiter);
 /// `fields` in one text, with `separator` between them.
 std::string join(const std::vector<std::string>& fields, std::string_view separator);
 
-/// What stands in `line` behind the first occurrence of `key`, without any double quotes; nothing
-/// when `key` does not occur.
+/// The text in `line` after the first occurrence of `key`, without any double quotes; nothing when
+/// `key` does not occur.
 std::optional<std::string> value_after(std::string_view line, std::string_view key);
 
-/// `path` without the "/" characters at its end, and of that what follows its last "/".
+/// The last component of `path`, without "/" characters at the end.
 std::string last_component(std::string_view path);
 
 /// `text` with lower-case ASCII letters.
