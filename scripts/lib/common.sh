@@ -1,8 +1,8 @@
 # shellcheck shell=bash disable=SC2191  # PACKAGE=PROBE is one word
-# What the scripts share: what they need of the machine, and where they keep what they make. Source
-# this file from the top of the tree.
+# The shared functions of the scripts: the packages that they need, and their scratch directory.
+# Source this file from the top of the tree.
 
-# What they make is the same whoever starts them.
+# So that the umask of the caller does not change their results.
 umask 022
 
 # With --help, a script prints the comment at its top.
@@ -43,7 +43,7 @@ need() {
   return 1
 }
 
-# check_cmake VERSION: fails with a sentence when that is older than CMakeLists.txt demands.
+# check_cmake VERSION: fails with a message if that is older than the minimum of CMakeLists.txt.
 check_cmake() {
   local least
   least=$(sed -n 's/^cmake_minimum_required(VERSION \(.*\))/\1/p' CMakeLists.txt)
@@ -54,8 +54,8 @@ check_cmake() {
   }
 }
 
-# install_packages PACKAGE...: has apt install them, by $as_root. The lists of a source that cannot be
-# read stay as they are.
+# install_packages PACKAGE...: installs them with apt, by $as_root. The lists of a source that
+# cannot be read do not change.
 install_packages() {
   local log
   log=$(mktemp)
@@ -74,7 +74,7 @@ install_packages() {
   rm "$log"
 }
 
-# upgrade PACKAGE...: has apt install the newest version of each, as need does.
+# upgrade PACKAGE...: installs the newest version of each, like need.
 upgrade() {
   as_root=()
   [ "$(id -u)" = 0 ] || as_root=(sudo)
@@ -82,15 +82,14 @@ upgrade() {
   install_packages "$@"
 }
 
-# run_apt LOG ARGUMENT...: runs apt-get, by $as_root. Says now and then how far it is, and waits, ten
-# minutes at most, while another program has locked apt.
+# run_apt LOG ARGUMENT...: runs apt-get, by $as_root. Prints its progress, and waits, ten minutes at
+# most, while another program has locked apt.
 run_apt() {
   local log=$1 apt end=$((SECONDS + 600)) next holder
   shift
   while true; do
     next=$((SECONDS + 3))
-    # In the background, where a shell has ctrl-c ignored: apt ends, too, when dpkg has done what it
-    # was told.
+    # In the background, a shell ignores ctrl-c: --default-signal lets apt end, too, after dpkg.
     env --default-signal=INT "${as_root[@]}" env LC_ALL=C DEBIAN_FRONTEND=noninteractive \
       apt-get "$@" >"$log" 2>&1 &
     apt=$!
@@ -113,18 +112,18 @@ run_apt() {
 # The path of a static library, or its bare name where the compiler $1 has none.
 library() { "$1" -print-file-name="$2" 2>/dev/null || echo "$2"; }
 
-# What every build needs, and a throwaway host.
+# The packages for every build and for throwaway hosts.
 needed_to_build=(g++=g++ g++="$(library g++ libstdc++.a)" libc6-dev=/usr/include/stdio.h cmake=cmake
   ninja-build=ninja nlohmann-json3-dev=/usr/include/nlohmann/json.hpp binutils=readelf
   coreutils=md5sum libc-bin=ldd util-linux=unshare)
 
-# What building the tests needs.
+# The packages for building the tests.
 # shellcheck disable=SC2034  # used by those who source this
 needed_to_test=("${needed_to_build[@]}" googletest=/usr/src/googletest/CMakeLists.txt
   python3-jsonschema=/usr/lib/python3/dist-packages/jsonschema/__init__.py mount=mount
   procps=pgrep e2fsprogs=chattr)
 
-# What the fuzz preset needs besides: clang, and the runtime of its sanitizers.
+# More packages for the fuzz preset: clang, and the runtime of its sanitizers.
 # shellcheck disable=SC2034
 needed_of_clang=(clang=clang++ libclang-rt-dev='/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.asan*')
 
@@ -145,8 +144,8 @@ need_hosts() {
   fi
 }
 
-# find_mounts WHAT: like need_hosts mount, but returns false where this machine denies mounts, after a
-# sentence about the right that is missing and about WHAT, which is skipped.
+# find_mounts WHAT: like need_hosts mount, but returns false if this machine denies mounts, after a
+# message that names the missing right and WHAT is skipped.
 find_mounts() {
   local denied
   need_hosts chroot
@@ -156,8 +155,8 @@ find_mounts() {
 }
 
 # make_scratch: makes the directory $scratch below build/ for this run of the script, where programs
-# may be executed; it goes with the script. What a killed one left goes with the next. Call it first:
-# where nothing can be written, it ends the script with a sentence.
+# may be executed; it is deleted with the script. The next script deletes the scratch of a killed
+# one. Call it first: if nothing can be written, it ends the script with a message.
 make_scratch() {
   local left
   if [ ! -e build ] && ! mkdir build 2>/dev/null; then
@@ -175,12 +174,13 @@ make_scratch() {
   mkdir "$scratch"
 }
 
-# At the end of every script: no scratch, and what root made in somebody's tree is theirs.
+# Runs at the end of every script: deletes the scratch, and gives files that root created in a
+# user's tree to that user.
 clean_up() {
   [ -z "${scratch:-}" ] || rm -rf "$scratch"
   [ "$(id -u)" != 0 ] || [ ! -d build ] || [ "$(stat -c %u .)" = 0 ] ||
     chown -R --no-dereference --reference=. build
 }
 trap clean_up EXIT
-# Without it the script would go on when the program that ctrl-c interrupts ends by itself.
+# Without it, the script would continue if the program that ctrl-c interrupts ends by itself.
 trap 'exit 130' INT

@@ -2,7 +2,8 @@
 # Root file systems of other distributions, made once and kept below build/roots. Source this file
 # after common.sh.
 
-# The archive keys of Ubuntu, which no package of Debian has. They are those of this file, or none.
+# The archive keys of Ubuntu, which no package of Debian has. Only the keys in this file are
+# accepted.
 ubuntu_keys=ubuntu-keyring_2021.03.26_all.deb
 ubuntu_keys_sum=0d0e7ed6b112f5d03eabf3c7eb01ebdacf9c57714b279e90495cfc58c8c4520f
 
@@ -77,9 +78,9 @@ archive_keys() {  # SUITE
   esac
 }
 
-# bootstrap SUITE[/PROCESSOR] TARGET OPTION...: has mmdebstrap make a root file system of a release of
-# Debian or Ubuntu, with options of its own. A mirror that is no longer updated does. What it says is
-# shown when it fails.
+# bootstrap SUITE[/PROCESSOR] TARGET OPTION...: has mmdebstrap make a root file system of a release
+# of Debian or Ubuntu, with options of its own. A mirror that is no longer updated is accepted. Its
+# output is printed if it fails.
 bootstrap() {
   local suite=${1%/*} processor=${1#*/} target=$2 log=build/roots/log-$$ keys
   need mmdebstrap=mmdebstrap curl=curl debootstrap=/usr/share/debootstrap/scripts/gutsy \
@@ -93,9 +94,9 @@ bootstrap() {
   rm "$log"
 }
 
-# make_root NAME SUITE[/PROCESSOR] VARIANT [PACKAGE...]: makes build/roots/NAME unless it is there, and
-# sets $root to it. VARIANT is one of mmdebstrap's; "extract" unpacks the packages and what they need,
-# and sets nothing up.
+# make_root NAME SUITE[/PROCESSOR] VARIANT [PACKAGE...]: makes build/roots/NAME unless it is there,
+# and sets $root to it. VARIANT is one of mmdebstrap's; "extract" unpacks the packages and their
+# dependencies without configuring them.
 make_root() {
   local packages
   packages=$(IFS=,; echo "${*:4}")

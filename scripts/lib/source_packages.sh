@@ -16,7 +16,7 @@ make_source_packages() {
     >"$work/$name.spec"
   touch --date="@$SOURCE_DATE_EPOCH" "$work"/*
   (cd "$work" && dpkg-source -b "$name-$version")
-  # The package holds the paths that it was made with.
+  # The package records the paths of its build.
   (cd "$work" && rpmbuild -bs --define "_topdir ." --define "_sourcedir ." --define "_srcrpmdir ." \
     --define "_srcdefattr (-,root,root)" --define "_buildhost valta.example" \
     --define "use_source_date_epoch_as_buildtime 1" --define "dist %{nil}" \
