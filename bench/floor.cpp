@@ -1,5 +1,5 @@
-// The least that an uninstaller can do: for each FILE line of the manifest, starts the command line
-// that digests the file, reads its output, and removes the file.
+// The minimum of an uninstaller: for each FILE line of the manifest, starts the command line that
+// digests the file, reads its output, and removes the file.
 
 #include <array>
 #include <cstdio>

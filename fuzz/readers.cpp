@@ -1,4 +1,4 @@
-// Feeds text to the readers of text from the host and checks what must hold of any text.
+// Feeds text to the parsers of the host's files, and checks properties that every text must have.
 
 #include <algorithm>
 #include <cstdint>
@@ -95,7 +95,7 @@ void unload_modules(const std::string& text) {
   }
 }
 
-/// A table that no kernel would print ends the walk to a mount point, too.
+/// The search for a mount point ends even for a table that no kernel prints.
 void read_mount_table(const std::string& text) {
   const std::vector<inspect::Mount> mounts = inspect::parse_mountinfo(text);
   const inspect::MountTree tree(mounts);
@@ -131,7 +131,7 @@ void print_report(const std::string& text) {
   inspect::print_json(report);
 }
 
-/// What is shown is without control characters, as a word for the shell is.
+/// Printed text has no control characters, nor has a word for the shell.
 void quote(const std::string& text) {
   const auto has_control = [](const std::string& shown) {
     return std::any_of(shown.begin(), shown.end(), [](unsigned char c) { return c < ' '; });

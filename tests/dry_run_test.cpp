@@ -1,5 +1,4 @@
-// A dry run keeps to itself, whatever the program in it tries, comes to an end, whatever the host
-// is like, and sees the host as a run would.
+// A dry run changes nothing outside it, ends on every host, and sees the host like a run.
 
 #include <array>
 #include <chrono>
@@ -33,7 +32,7 @@ using Clock = std::chrono::steady_clock;
 
 class DryRun : public Inspect {};
 
-/// A test that mounts on the machine does so where nobody else sees it.
+/// A mount namespace of its own for a test that mounts on the machine.
 void leave_mount_namespace() {
   ASSERT_EQ(unshare(CLONE_NEWNS), 0);
   ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
@@ -58,8 +57,8 @@ class DeadFileSystem {
   Descriptor server_;
 };
 
-/// A mount point at which a daemon would mount something as soon as anybody looks below it. The
-/// daemon, a process of its own, never does.
+/// An automount point: a process that accesses a path below it waits for a daemon to mount. The
+/// daemon never does.
 class Automount {
  public:
   explicit Automount(std::string point) : point_(std::move(point)) {
@@ -88,7 +87,7 @@ class Automount {
   Automount(const Automount&) = delete;
   Automount& operator=(const Automount&) = delete;
 
-  /// Whether anybody has asked the daemon to mount.
+  /// Whether a process has requested the mount.
   [[nodiscard]] bool was_asked() const {
     pollfd ready{requests_.get(), POLLIN, 0};
     return poll(&ready, 1, 0) > 0 && (ready.revents & POLLIN) != 0;
@@ -105,7 +104,7 @@ class Automount {
     GTEST_SKIP() << "a normal user may not " << (what); \
   }
 
-/// The seconds that `body` takes.
+/// The duration of `body` in seconds.
 template <typename Body>
 double seconds_of(const Body& body) {
   const auto start = Clock::now();
@@ -113,13 +112,13 @@ double seconds_of(const Body& body) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// A socket of the machine that somebody listens on.
+/// A listening socket of the machine.
 class Listener {
  public:
-  /// A path of a file, or a name behind a NUL byte.
+  /// A path of a file, or a name after a NUL byte.
   explicit Listener(const std::string& path)
       : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
-    // A socket's address is too short for many a path.
+    // The address of a socket is too short for many paths.
     const auto slash = path.rfind('/');
     const Descriptor directory(
         slash == std::string::npos ? -1 : open(path.substr(0, slash).c_str(), O_PATH));

@@ -1,5 +1,5 @@
-// Runs that are interrupted at every command, and tools that fail in every way: whatever happens,
-// no file is lost that changed since installation or that could not be checked.
+// Runs that are interrupted at every command, and tools that fail in every way. In no case is a
+// file lost that was changed since the installation or that could not be checked.
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -42,7 +42,7 @@ TEST_P(Interrupted, RunIsFinishedByASecondOne) {
 
 INSTANTIATE_TEST_SUITE_P(Each, Interrupted, testing::Values("KILL_BEFORE", "KILL_AFTER"));
 
-const std::string kMissing;  // has no script of its own
+const std::string kMissing;  // the tool does not exist
 const std::string kLies = R"(printf "\377\001\n")";
 const std::vector<std::string> kWaysToBreak = {kMissing, "exit 1", "kill -KILL $$",
                                                "printf %070000d 1; exit 1", kLies};
@@ -52,9 +52,9 @@ struct Tool {
   std::string path;
   std::string prepare;             ///< shell commands
   int status = 0;                  ///< of a run with the broken tool
-  std::map<std::string, int> but;  ///< in these ways of breaking it
-  std::vector<std::string> stays;  ///< whatever the way
-  std::vector<std::string> goes;   ///< the same
+  std::map<std::string, int> but;  ///< exceptions from `status`, by the way of failing
+  std::vector<std::string> stays;  ///< paths that are left in every case
+  std::vector<std::string> goes;   ///< paths that are deleted in every case
 };
 
 void PrintTo(const Tool& tool, std::ostream* stream) { *stream << tool.name; }

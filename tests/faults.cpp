@@ -1,5 +1,5 @@
-// Makes the C library fail where a real one hardly ever does, in the way that the variable FAULT
-// names. The linker puts these functions in front of the real ones, into a copy of the program.
+// Makes calls of the C library fail that hardly ever fail on a real host. The variable FAULT
+// selects the failure. The linker replaces the real functions with these in a copy of the program.
 
 #include <algorithm>
 #include <array>
@@ -19,8 +19,8 @@ bool fault_is(const std::string& name) {
   return fault != nullptr && fault == name;
 }
 
-/// The plain file that a throwaway host with a procfs has in the place of `path`. In a rehearsal
-/// the module list is the image's, which a kernel without modules has no place for in its procfs.
+/// The plain file that replaces `path` on a throwaway host with a procfs. In a dry run, the module
+/// list is the overlay's: the procfs of a kernel without modules has no place for it.
 std::string plain_file(const std::string& path) {
   if (path.starts_with("/proc/")) {
     for (const std::string& plain :
@@ -33,7 +33,7 @@ std::string plain_file(const std::string& path) {
   return path;
 }
 
-/// What can be read of a file: all but its last four bytes.
+/// The readable part of a file: all except its last four bytes.
 std::array<char, 4096> front;
 std::size_t front_size = 0;
 

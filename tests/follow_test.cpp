@@ -1,5 +1,5 @@
-// Whoever types what valta-driver-inspect offers comes to an end, and loses nothing. On hosts where
-// something is odd, and on those of the other tests.
+// Types the commands that valta-driver-inspect prints, on odd hosts and on those of the other
+// tests. The result is a clean host, and no precious file is lost.
 
 #include <gmock/gmock.h>
 #include <unistd.h>

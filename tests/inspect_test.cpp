@@ -1,5 +1,5 @@
-// The program that looks before and after a run: on throwaway hosts, where what it foretells is
-// compared with the run that follows, and its judgement of what a run left.
+// Tests valta-driver-inspect on throwaway hosts: compares its prediction with the run that follows,
+// and checks its report after a run.
 
 #include <filesystem>
 #include <fstream>
@@ -22,7 +22,8 @@ using testing::HasSubstr;
 Names paths_gone(const Listing& before, const Listing& after) {
   Names paths;
   for (const auto& [path, attributes] : before) {
-    // Where the scripted systemctl keeps what a real one keeps in memory.
+    // The scripted systemctl keeps the state of units in this directory; a real systemd keeps it in
+    // memory.
     if (!after.contains(path) && !path.starts_with("/run/active/")) {
       paths.insert(path);
     }
@@ -51,11 +52,11 @@ TEST_P(Foretells, TheRunAndChangesNothing) {
     EXPECT_EQ(foretold.status, 0);
   }
   if (run.log.find("failed in removing.") != std::string::npos) {
-    // What a run leaves that stops on its way is no finding: the next run may remove it.
+    // Paths that a stopped run leaves are no findings: the next run may remove them.
     EXPECT_FALSE(all_of(foretold.report["findings"], "id").contains("manifest-left"));
   }
 
-  // What a run came to is judged as it was foretold to be judged.
+  // The outcome after the run is the predicted one.
   const Inspection judged = host.inspect("after --status " + std::to_string(run.status));
   EXPECT_EQ(judged.report["outcome"], GetParam().outcome);
 }
@@ -157,7 +158,7 @@ TEST_F(Inspect, SaysWhatIsWrongWithItsArguments) {
   }
 }
 
-// A run by its log, in lines between its first and its last one.
+// A run by its log: the lines between its first and its last line.
 struct Judged {
   std::string name;
   std::string log;

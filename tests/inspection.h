@@ -12,7 +12,7 @@ namespace valta {
 using Names = std::set<std::string>;
 using Listing = std::map<std::string, std::string>;
 
-/// Why valta-driver-inspect cannot be tested here; empty when it can.
+/// The reason why valta-driver-inspect cannot be tested here; empty if it can.
 inline std::string reason_not_to_inspect() {
   if (VALTA_EMULATED) {
     return "qemu-user makes no namespaces";

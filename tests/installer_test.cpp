@@ -1,4 +1,4 @@
-// The installer object and the looks at kernel modules, beyond what whole runs show.
+// The installer object and the state of kernel modules, as far as complete runs do not test them.
 
 #include <gtest/gtest.h>
 #include <regex>
@@ -53,7 +53,8 @@ TEST(ModuleStatus, ComesFromTheFirstLineOfExactlyThatName) {
   EXPECT_EQ(status("zephanor"), ModuleStatus::unreferenced);
   EXPECT_EQ(status("used"), ModuleStatus::in_use);
   EXPECT_EQ(status("my|broken"), ModuleStatus::not_loaded);
-  // The pattern holds 127 characters: a long name first costs it its end, then makes it none.
+  // The pattern is cut at 127 characters: a long name first cuts off its end, then makes it
+  // invalid.
   EXPECT_EQ(status(std::string(85, 'n') + "|used"), ModuleStatus::in_use);
   EXPECT_THROW(static_cast<void>(status(std::string(120, 'n'))), std::regex_error);
 }

@@ -1,5 +1,5 @@
-// Given to valta-driver-inspect as the program of a dry run, it tries every door that could lead to
-// the host, and prints the names of those that open: none.
+// The program of a dry run in a test. It tries every way to reach the host, and prints the names of
+// those that work. The test expects none.
 
 #include <algorithm>
 #include <array>
@@ -60,7 +60,7 @@ bool opens_device(const char* path) {
   return file.is_open() && fstat(file.get(), &status) == 0 && S_ISCHR(status.st_mode);
 }
 
-/// Tries in a child, as it would change this process.
+/// Tries in a child, because it would change this process.
 bool succeeds_in_child(const std::function<bool()>& attempt) {
   const pid_t child = fork();
   if (child == 0) {

@@ -333,7 +333,7 @@ std::vector<Situation> situations() {
 
 std::vector<Situation> situations_of_hosts() {
   std::vector<Situation> list = situations();
-  // A fault of the C library is not the host's, and a kernel that does as it likes has no stand-in.
+  // A dry run cannot predict a fault of the C library, or a kernel that refuses without a reason.
   std::erase_if(list, [](const Situation& situation) {
     return !situation.fault.empty() ||
            situation.prepare.find("tool /sbin/rmmod") != std::string::npos;

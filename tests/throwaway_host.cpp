@@ -25,7 +25,7 @@ namespace {
 constexpr const char* kInspect = "/valta-driver-inspect";
 constexpr const char* kHostScripts = VALTA_SOURCE "/tests/host/";
 
-/// What the commands of a test may call.
+/// The tools for the commands of a test.
 constexpr const char* kFunctions =
     "file() { mkdir -p \"${1%/*}/\"; printf %s \"$2\" >\"$1\"; }\n"
     "tool() { printf '#!/bin/real/sh\\n%s\\n' \"$2\" >\"$1\"; chmod +x \"$1\"; }\n";
@@ -48,7 +48,7 @@ std::string replaced(std::string text, const std::string& old, const std::string
 
 std::string quote(const std::string& path) { return " '" + path + "'"; }
 
-/// Calls one of the scripts that lay a host out and enter it. Returns its exit status.
+/// Calls a script of tests/host and returns its exit status.
 int script(const std::string& name, const std::string& arguments) {
   const int status = std::system((quote(kHostScripts + name) + " " + arguments).c_str());
   return WEXITSTATUS(status);
@@ -78,8 +78,8 @@ bool enter(const std::string& root) {
   return chroot(root.c_str()) == 0 && chdir("/") == 0 && getuid() == 0;
 }
 
-/// Whether this machine lets throwaway hosts be entered. A builder of packages may not: to a normal
-/// user in a chroot the kernel gives no user namespace.
+/// Whether throwaway hosts can be entered on this machine. A builder of packages may deny it: the
+/// kernel denies user namespaces to a normal user in a chroot.
 bool machine_allows_hosts() {
   static const bool allowed = [] {
     const pid_t child = fork();
@@ -100,8 +100,8 @@ bool machine_allows_hosts() {
   throw testing::AssertionException(TestPartResult(TestPartResult::kSkip, nullptr, 0, reason));
 }
 
-/// Whether a dry run can leave the times of access alone. A user namespace may not change which
-/// mounts record them.
+/// Whether a dry run can prevent changes of access times. In a user namespace, it cannot change
+/// that option of a mount.
 bool keeps_access_times() {
   struct statvfs mounted {};
   return getuid() == 0 ||
@@ -122,7 +122,7 @@ ThrowawayHost::ThrowawayHost(const std::string& tools) {
   if (!machine_allows_hosts()) {
     skip_test("this machine denies chroot");
   }
-  umask(S_IWGRP | S_IWOTH);  // a looser one makes directories that the inspector does not trust
+  umask(S_IWGRP | S_IWOTH);  // with another one, the inspector reports the directories as `trust`
   std::string pattern = VALTA_SCRATCH "/host-XXXXXX";
   fs::create_directories(VALTA_SCRATCH);
   scratch_ = mkdtemp(pattern.data());

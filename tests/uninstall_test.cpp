@@ -1,4 +1,4 @@
-// Manifests and their handlers, beyond what whole runs show.
+// Manifests and their handlers, as far as complete runs do not test them.
 
 #include <filesystem>
 #include <gmock/gmock.h>

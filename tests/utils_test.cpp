@@ -1,4 +1,4 @@
-// The look at the host and the running of its tools, beyond what whole runs show.
+// The functions that read the host and run its tools, as far as complete runs do not test them.
 
 #include <cstdint>
 #include <cstdio>
@@ -24,7 +24,7 @@ TEST(Readers, HoldWhatTheyMustOnEveryTextOfTheCorpus) {
   for (const auto& file : std::filesystem::directory_iterator(VALTA_SOURCE "/fuzz/corpus")) {
     std::string text;
     ASSERT_TRUE(read_file(file.path(), text));
-    std::puts(file.path().c_str());  // the target ends the process when something does not hold
+    std::puts(file.path().c_str());  // the fuzz target ends the process if a check fails
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
   }
 }
@@ -53,7 +53,7 @@ TEST(Command, DeliversAllOutputAndTheExitCode) {
     EXPECT_EQ(status, 0U);
     EXPECT_TRUE(run_command_redirect("echo out; echo err >/dev/stderr", output, status, false));
     EXPECT_EQ(output, "out\n");
-    // What the shell cannot be given whole is not run at all.
+    // A command that the shell would cut off is not run.
     EXPECT_FALSE(run_command_quiet_status(std::string("echo >/ran \0 more", 17), output));
     EXPECT_EQ(output, "");
   });

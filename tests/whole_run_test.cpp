@@ -1,5 +1,5 @@
-// Whole runs of the real program: every way through the system, with what it ran, logged, showed
-// and left behind.
+// Complete runs of the real program in every test scenario: their commands, log, output, and the
+// files that are left.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
