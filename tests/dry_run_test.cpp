@@ -1,8 +1,10 @@
 // A dry run changes nothing outside it, ends on every host, and sees the host like a run.
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -20,6 +22,7 @@
 
 #include "inspect/host/modules.h"
 #include "inspect/host/mounts.h"
+#include "inspect/watch.h"
 #include "inspection.h"
 #include "uninstall/manifest.h"
 #include "utils/descriptor.h"
@@ -373,6 +376,28 @@ TEST_F(DryRun, LeavesNothingBehindWhenKilled) {
     EXPECT_FALSE(host.is_inhabited()) << "killed after " << milliseconds << " ms";
     EXPECT_EQ(only_in(host.listing(), before), Names());
   }
+}
+
+TEST(Watch, ShowsOnATerminalWhatTakesLong) {
+  const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY));
+  ASSERT_EQ(grantpt(terminal.get()) + unlockpt(terminal.get()), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(open(ptsname(terminal.get()), O_RDWR | O_NOCTTY), STDERR_FILENO);
+    const auto sleep_and_answer = [] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+      return 7;
+    };
+    _exit(inspect::run_watched(sleep_and_answer, 10).value_or(1));
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 7);
+  std::string shown(100, ' ');
+  shown.resize(static_cast<std::size_t>(
+      std::max<ssize_t>(read(terminal.get(), shown.data(), shown.size()), 0)));
+  EXPECT_THAT(shown, HasSubstr("Starting: 2 s"));
+  EXPECT_TRUE(shown.ends_with("\r\033[K")) << shown;
 }
 
 TEST(Modules, UnloadingOneFreesTheOnesItUsed) {
