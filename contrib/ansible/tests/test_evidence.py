@@ -166,6 +166,7 @@ def test_check_mode(controller, left, outcome, changed, words):
 ])
 def test_failure_limit(controller, limits, total, batches, started):
     assert controller.play(*batches, limits=limits, total=total) == started
+    assert controller.play(*batches, limits="0", options=["--check"]) == len(batches)
 
 
 def test_what_no_batch_came_to_is_not_done_and_keeps_what_was_known_of_it(controller):
@@ -181,6 +182,8 @@ def test_what_no_batch_came_to_is_not_done_and_keeps_what_was_known_of_it(contro
 
 def test_resumed_play_takes_over_what_it_does_not_run(controller):
     controller.play({"a": DONE, "b": FAILED, "c": DONE})
+    controller.play({"c": DONE}, options=["--limited"])
+    assert (controller.report().failures, controller.report().again) == ({}, ["b"])
     controller.play({"b": DONE}, options=["--limited"])
     play = controller.report()
     assert (play.failures, play.again, sorted(play.hosts)) == ({}, ["!all"], ["a", "b", "c"])
@@ -239,6 +242,7 @@ def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
     controller.open(["a"], ["a"])
     assert controller.judge({"a": LOST}).again == ["a"]
     assert controller.judge({"a": AWAY}).again == ["a"]
+    assert controller.judge({"a": BROKEN}).again == ["a"]
     assert "the run may be going on" in controller.report().text
     controller.start()
     controller.open(["a"], ["a"])
@@ -276,14 +280,15 @@ def test_failure_limit_holds_for_later_plays_of_the_call(controller):
 
 def test_summary_has_what_to_do(controller):
     finding = {"severity": "blocks", "text": "A process uses it.", "where": "42", "do": "kill 42"}
-    busy = {**BUSY, "after.json": {**BUSY["after.json"], "findings": [finding]}}
+    named = {**BUSY, "after.json": {**BUSY["after.json"], "findings": [finding]}}
     kept = [{"path": "/etc/\033[31mx", "reason": "changed"}] * 4
-    controller.play({"a": busy, "b": FAILED, "c": AWAY, "d": results("kept", kept=kept)})
+    controller.play({"a": named, "b": FAILED, "c": AWAY, "d": results("kept", kept=kept),
+                     "e": BUSY})
     text = controller.report().text
-    assert "4 hosts: 1 kept, 1 unreachable, 1 busy, 1 failed" in text
+    assert "5 hosts: 1 kept, 1 unreachable, 2 busy, 1 failed" in text
     assert f"--limit @{controller.directory}/again" in text
     for line in ("-> A process uses it: 42: kill 42", "-> fix the reason, then resume",
-                 "-> check the connection", "/etc/?[31mx (changed) and 1 more"):
+                 "-> stop what uses the driver", "-> check the connection", "/etc/?[31mx (changed) and 1 more"):
         assert line in text
 
 
@@ -333,9 +338,8 @@ def test_screen_has_a_line_for_each_reason(controller):
 def test_play_that_was_interrupted_is_resumed(controller):
     controller.start()
     controller.open(["a"], ["a"])
-    text = controller.report().text
-    assert "1 host: 1 unknown" in text
-    assert "fix the reason" not in text
+    assert controller.report().lines[0] == "1 host: 1 unknown"
+    assert controller.report().lines[-1].strip() == "-> resume"
 
 
 @pytest.mark.parametrize("refused", ["sparse", "large"])
@@ -376,4 +380,27 @@ def test_batch_appends(controller):
     controller.judge({"b": DONE})
     assert journal.read_bytes().startswith(before)
     assert not (controller.directory / "summary.json").exists()
-    assert not controller.report().failures
+    play = controller.report()
+    assert (play.failures, len(play.batches)) == ({}, 2)
+
+
+def test_only_the_known_files_of_a_host_are_kept(controller):
+    controller.start()
+    controller.open(["a"], ["a"])
+    archive = controller.directory / "fetched/a"
+    archive.parent.mkdir()
+    pack(archive, {**DONE, "../journal": "{", "pid": "1"})
+    with tarfile.open(archive, "a") as tar:
+        link = tarfile.TarInfo("stderr")
+        link.type, link.linkname = tarfile.SYMTYPE, "/etc/passwd"
+        tar.addfile(link)
+    controller.call("judge", controller.directory, told={"a": {}})
+    assert controller.report().hosts["a"]["outcome"] == "done"
+    assert {file.name for file in (controller.directory / "a").iterdir()} == set(DONE)
+
+
+def test_host_that_its_first_try_changed_is_changed(controller):
+    controller.start()
+    controller.open(["a"], ["a"])
+    controller.judge({"a": results("busy", removed=[], unloaded=["zvrfs"])})
+    assert controller.judge({"a": results("clean", removed=[])}).hosts["a"]["changed"]
