@@ -22,7 +22,6 @@ import fcntl
 import json
 import os
 import re
-import shutil
 import sys
 import tarfile
 import time
@@ -137,6 +136,13 @@ def is_known(record):
     return record["earlier"] in FAILED
 
 
+class Record(dict):
+    """What is known of a host; the rest is as in RECORD. To fill in thousands takes time."""
+
+    def __missing__(self, key):
+        return RECORD[key]
+
+
 class Play:
     """What the journal of a directory says: `state` of the play, `hosts` with a record each."""
 
@@ -147,15 +153,15 @@ class Play:
             line = parse_object(line)  # one that a full disk cut short says nothing
             self.state.update(line.get("state", {}))
             self.hosts.update(line.get("hosts", {}))
-        self.hosts = {name: {**RECORD, **record} for name, record in self.hosts.items()}
+        self.hosts = {name: Record(record) for name, record in self.hosts.items()}
 
     def add(self, hosts=(), **state):
         """Appends to the journal: records of hosts, without what is as in all, and the state."""
+        hosts = {name: Record((key, value) for key, value in record.items()
+                              if value != RECORD[key]) for name, record in dict(hosts).items()}
         self.state.update(state)
         self.hosts.update(hosts)
-        line = {"state": state, "hosts": {
-            name: {key: value for key, value in record.items() if value != RECORD[key]}
-            for name, record in dict(hosts).items()}}
+        line = {"state": state, "hosts": hosts}
         with open(os.path.join(self.directory, "journal"), "ab+") as journal:
             if journal.tell() and os.pread(journal.fileno(), 1, journal.tell() - 1) != b"\n":
                 journal.write(b"\n")
@@ -179,19 +185,18 @@ class Play:
             return {**RECORD, "outcome": outcome, "reason": reason_of(told["reason"]),
                     "tries": tries, "out": former["out"] or outcome in ("lost", "unfinished")}
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
-        self.unpack(name, place)
-        record = self.judge_results(place)
+        record = {**self.judge_results(self.unpack(name, place)), "evidence": place}
         if told.get("found") and tries == 1:
             record["reason"] = "found from an earlier play: " + record["reason"]
         return {**record, "tries": tries, "changed": record["changed"] or former["changed"]}
 
-    def judge_results(self, place):
-        rehearsal = parse_object(read(place, "before.json"))
-        found = rehearsal if self.state["check"] else parse_object(read(place, "after.json"))
-        ended = read(place, "status")
+    def judge_results(self, files):
+        rehearsal = parse_object(files["before.json"])
+        found = rehearsal if self.state["check"] else parse_object(files["after.json"])
+        ended = files["status"]
         outcome, reason = found.get("outcome"), plain(found.get("reason"))
         if not found:
-            outcome, reason = self.explain(place, ended)
+            outcome, reason = self.explain(files)
         status = ended or found.get("status")
         blocks = findings(found, "blocks")
         if self.state["check"] and outcome in GOOD and blocks:
@@ -215,21 +220,21 @@ class Play:
             "changed": bool(ended or self.state["check"]) and outcome != "nothing-done" and any(
                 source.get(key) for source in (found, rehearsal)
                 for key in ("removed", "unloaded")),
-            "version": plain(found.get("version")) or None,
-            "evidence": place}
+            "version": plain(found.get("version")) or None}
 
-    def explain(self, place, ended):
+    def explain(self, files):
         """Why there is no judgement."""
-        if not ended and not self.state["check"]:
+        if not files["status"] and not self.state["check"]:
             return "unfinished", "the run was cut off: the host was restarted, or the run killed"
-        if ended and not read(place, "log"):
+        if files["status"] and not files["log"]:
             return "unknown", "the run wrote no log"
-        errors = read(place, "before.err" if self.state["check"] else "after.err").splitlines()
+        errors = files["before.err" if self.state["check"] else "after.err"].splitlines()
         return "unknown", plain(": ".join(["valta-driver-inspect gave no answer", *errors[-1:]]))
 
     def unpack(self, name, place):
         """Of an archive that a host made nothing but the known files is taken, by name, and no
-        more bytes than the host has sent."""
+        more bytes than the host has sent. Returns their texts by name."""
+        files = dict.fromkeys(FILES, "")
         archive = os.path.join(self.directory, "fetched", name)
         os.makedirs(place)
         if os.path.getsize(archive) > MOST_BYTES:
@@ -240,9 +245,12 @@ class Play:
                 if member.issparse():
                     raise ValueError("%s is sparse" % plain(member.name))
                 if member.isfile() and member.name in FILES:
+                    content = tar.extractfile(member).read()
+                    files[member.name] = content.decode("utf-8", "replace")
                     with open(os.path.join(place, member.name), "wb") as file:
-                        shutil.copyfileobj(tar.extractfile(member), file)
+                        file.write(content)
         os.remove(archive)
+        return files
 
     def not_done(self):
         return [name for name, record in self.hosts.items() if record["outcome"] not in GOOD]
@@ -261,7 +269,7 @@ class Play:
 
     def sum_up(self):
         """Writes the summary."""
-        hosts = ",\n".join("%s: %s" % (json.dumps(n), json.dumps(r))
+        hosts = ",\n".join("%s: %s" % (json.dumps(n), json.dumps({**RECORD, **r}))
                            for n, r in self.hosts.items())
         state = {"schema": 2, **self.state, "versions": sorted(
             {record["version"] for record in self.hosts.values()} - {None}),
@@ -496,7 +504,7 @@ def judge(options, told):
                 **RECORD, "reason": plain("the results cannot be read: %s" % (
                     str(error) or type(error).__name__)),
                 "evidence": fetched if os.path.exists(fetched) else play.directory}
-        judged[name] = {**judged[name], "earlier": play.hosts[name]["earlier"]}
+        judged[name] = Record({**judged[name], "earlier": play.hosts[name]["earlier"]})
         if options.diff and judged[name]["changed"]:
             write_difference(judged[name]["evidence"])
     play.add(judged)
