@@ -469,31 +469,45 @@ def test_a_host_that_is_clean_does_not_change(fleet, ran, name):
 
 @pytest.mark.parametrize("name", ["own"])
 def test_guide_without_ansible(fleet, name):
-    """The page's commands, with an ssh that enters throwaway hosts."""
+    """The page's scripts, with an ssh that enters throwaway hosts."""
     guide = (TOP / "docs/fleet-without-ansible.md").read_text()
-    script, calls = ("\n".join(line[4:] for line in block.split("\n"))
-                     for block in re.findall(r"\n\n((?:    .*\n|\n(?=    ))+)", guide))
+    script, calls, fleet_script, *_ = (
+        "\n".join(line[4:] for line in block.split("\n"))
+        for block in re.findall(r"\n\n((?:    .*\n|\n(?=    ))+)", guide))
     here = fleet.directory / "by-hand"
     here.mkdir()
     for file in (ANSIBLE / "roles/valta_uninstall/files").glob("*.sh"):
         shutil.copy(file, here)
     for program in PROGRAMS:
         shutil.copy(BUILD / program, here)
-    (here / "uninstall-host").write_text(script)
-    (here / "ssh").write_text(f"""#!/bin/sh
+    for program, text in {
+            "uninstall-host": script, "uninstall-fleet": fleet_script, "ssh": f"""#!/bin/sh
 host=$1; shift
-exec {TOP}/tests/host/enter -m {fleet.hosts}/$host /bin/sh -c "$*"\n""")
-    for program in ("uninstall-host", "ssh"):
+[ -d {fleet.hosts}/$host ] && exec {TOP}/tests/host/enter -m {fleet.hosts}/$host /bin/sh -c "$*"\n""",
+            "parallel-ssh": """#!/bin/sh
+while getopts h:p:t:Io: option; do
+  case $option in h) hosts=$OPTARG ;; o) out=$OPTARG ;; esac
+done
+shift $((OPTIND - 1))
+mkdir -p "$out"
+cat >input
+while read -r host; do ssh "$host" "$1" <input >"$out/$host" || status=4; done <"$hosts"
+exit ${status:-0}\n"""}.items():
+        (here / program).write_text(text)
         (here / program).chmod(0o755)
-    (here / "hosts").write_text("first\nsecond\n")
-    for host in ("first", "second"):
-        fleet.lay_out(host, Host(()))
-    told = call("sh", "-ec", calls, cwd=here,
-                env={**os.environ, "PATH": f"{here}:{os.environ['PATH']}"})
-    assert [line.split()[-1] for line in told.splitlines()] == ['"done",'] * 2
-    for host in ("first", "second"):
-        assert not (fleet.hosts / host / PLACE).exists()
-        assert (here / "results" / host / "log").stat().st_size > 0
+    for call_of_page, hosts, others in ((calls, ["first", "second"], []), (
+            "./uninstall-fleet; " + calls.split("\n")[1], ["third", "fourth"], ["away"])):
+        (here / "hosts").write_text("".join(name + "\n" for name in hosts + others))
+        shutil.rmtree(here / "results", ignore_errors=True)
+        for host in hosts:
+            fleet.lay_out(host, Host(()))
+        told = call("sh", "-ec", call_of_page, cwd=here,
+                    env={**os.environ, "PATH": f"{here}:{os.environ['PATH']}"}).splitlines()
+        assert told[:-2] == [f"no results: {host}" for host in others]
+        assert [line.split()[-1] for line in told[-2:]] == ['"done",'] * 2
+        for host in hosts:
+            assert not (fleet.hosts / host / PLACE).exists()
+            assert (here / "results" / host / "log").stat().st_size > 0
 
 
 def test_galaxy_takes_the_collection_and_the_role(tmp_path):
