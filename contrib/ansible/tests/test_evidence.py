@@ -113,6 +113,8 @@ def controller(tmp_path):
     ({"outcome": "unreachable", "reason": "Failed to connect to the host via ssh: Warning: "
       "Permanently added 'h' to the list of known hosts.\r\n### private ###\r\nh: refused\r\n"
       "Connection to h closed."}, "unreachable", None, "^h: refused$"),
+    ({"outcome": "unreachable", "reason": 'Data could not be sent to remote host "h". Make sure this '
+      "host can be reached over ssh: h: refused\r\n"}, "unreachable", None, "^h: refused$"),
     (FAILED, "failed", 5, "depmod failed"),
     (AWAY, "unreachable", None, "no route"),
     ({**DONE, "after.json": ""}, "unknown", 0, "gave no answer$"),

@@ -66,8 +66,8 @@ def sentence(finding):
 
 def reason_of(message):
     """The line of Ansible's message that says why, without the words of ssh around it."""
-    lines = [re.sub(r"^Failed to connect to the host via ssh: ", "", line).strip()
-             for line in message.splitlines()]
+    prefix = r"^(Failed to connect to the host via|Data could not be .* reached over) ssh: "
+    lines = [re.sub(prefix, "", line).strip() for line in message.splitlines()]
     noise = r"Warning: Permanently added|(Shared c|C)onnection to \S+ closed|#|\*|$"
     return plain(([line for line in lines if not re.match(noise, line)] or lines or [""])[-1])
 
