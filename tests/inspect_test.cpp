@@ -5,6 +5,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <set>
+#include <unistd.h>
 
 #include "inspect/findings/findings.h"
 #include "inspect/report/run_check.h"
@@ -140,7 +141,13 @@ TEST_F(Inspect, KeepsItsContractWithScripts) {
   host.run();
   host.sh("file /var/log/zephanorvalta/console; : >/var/log/zephanorvalta/console");
   EXPECT_EQ(host.inspect("after --console /var/log/zephanorvalta/console").status, 1);
+}
 
+TEST_F(Inspect, SaysWhatOnlyRootCanRead) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root becomes another user";
+  }
+  host.run();
   std::filesystem::permissions(host.outside(kLogPath), std::filesystem::perms::owner_read);
   const Inspection of_user = host.inspect("after", "/usr/bin:/bin", "--json", "-n");
   EXPECT_EQ(of_user.status, 3);
