@@ -52,6 +52,34 @@ int wait_for(pid_t child) {
   return ended ? WEXITSTATUS(status) : kNotRun;
 }
 
+/// A pipe from a child process to this one.
+struct Pipe {
+  Descriptor reader;
+  Descriptor writer;
+
+  bool open() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+      return false;
+    }
+    reader = Descriptor(ends[0]);
+    writer = Descriptor(ends[1]);
+    return true;
+  }
+
+  /// All that comes, once the child has the other end.
+  std::string read_all() {
+    writer.reset();
+    std::string text;
+    std::array<char, 4096> buffer{};
+    ssize_t count = 0;
+    while ((count = read(reader.get(), buffer.data(), buffer.size())) > 0) {
+      text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    return text;
+  }
+};
+
 }  // namespace
 
 int exit_status_of(std::vector<std::string> command, Printing printing) {
@@ -64,25 +92,31 @@ int exit_status_of(std::vector<std::string> command, Printing printing) {
 }
 
 bool output_of(std::vector<std::string> command, const std::string& input, std::string& output) {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+  Pipe pipe;
+  if (!pipe.open()) {
     return false;
   }
-  const Descriptor reader(ends[0]);
-  Descriptor writer(ends[1]);
   Streams streams;
   streams.open(STDIN_FILENO, input.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  streams.duplicate(writer.get(), STDOUT_FILENO);
+  streams.duplicate(pipe.writer.get(), STDOUT_FILENO);
   streams.open(STDERR_FILENO, "/dev/null", O_WRONLY);
   const pid_t child = start(command, streams);
-  writer.reset();
-  output.clear();
-  std::array<char, 4096> buffer{};
-  ssize_t count = 0;
-  while ((count = read(reader.get(), buffer.data(), buffer.size())) > 0) {
-    output.append(buffer.data(), static_cast<std::size_t>(count));
-  }
+  output = pipe.read_all();
   return wait_for(child) == 0;
+}
+
+int run_between(std::vector<std::string> command, int input, int output, std::string& complaint) {
+  Pipe pipe;
+  if (!pipe.open()) {
+    return kNotRun;
+  }
+  Streams streams;
+  streams.duplicate(input, STDIN_FILENO);
+  streams.duplicate(output, STDOUT_FILENO);
+  streams.duplicate(pipe.writer.get(), STDERR_FILENO);
+  const pid_t child = start(command, streams);
+  complaint = pipe.read_all();
+  return wait_for(child);
 }
 
 }  // namespace valta

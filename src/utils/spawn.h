@@ -21,4 +21,9 @@ inline constexpr int kNotRun = 127;
 [[nodiscard]] bool output_of(std::vector<std::string> command, const std::string& input,
                              std::string& output);
 
+/// Runs `command` in the same way with the descriptors `input` and `output` as its streams, and
+/// puts its standard error into `complaint`. Returns its exit status, or `kNotRun`.
+[[nodiscard]] int run_between(std::vector<std::string> command, int input, int output,
+                              std::string& complaint);
+
 }  // namespace valta
