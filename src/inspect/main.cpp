@@ -7,6 +7,7 @@
 #include <sysexits.h>
 
 #include "inspect/after.h"
+#include "inspect/archive/archive.h"
 #include "inspect/before.h"
 #include "inspect/dry_run/stubs.h"
 #include "inspect/findings/findings.h"
@@ -14,6 +15,7 @@
 #include "inspect/report/json.h"
 #include "inspect/report/text.h"
 #include "inspect/watch.h"
+#include "utils/progress.h"
 #include "utils/text.h"
 
 namespace valta::inspect {
@@ -25,7 +27,7 @@ constexpr int kSecondsForLooks = 3;
 /// Prints `report` and returns the exit status for it.
 int answer(const Report& report, const Options& options) {
   if (options.json) {
-    print_json(report);
+    std::puts(json_of(report).c_str());
   } else {
     print_text(report, options.verbose);
   }
@@ -34,6 +36,20 @@ int answer(const Report& report, const Options& options) {
     return EX_IOERR;
   }
   return exit_status(report);
+}
+
+/// Saves for `report` in `file`; `status` when that succeeds.
+int save_for(const Report& report, const std::string& file, int status) {
+  begin_step("Saving");
+  try {
+    for (const std::string& loss : save(file, report)[kLoss]) {
+      std::fprintf(stderr, "valta-driver-inspect: not saved: %s\n", loss.c_str());
+    }
+    return status;
+  } catch (const ArchiveError& error) {
+    std::fprintf(stderr, "valta-driver-inspect: nothing is saved: %s\n", error.what());
+    return EX_CANTCREAT;
+  }
 }
 
 int complain(const std::exception& error) {
@@ -48,7 +64,8 @@ int look_and_answer(const Options& options) {
                                                        : after(options.status, options.console);
     report.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return answer(report, options);
+    const int status = answer(report, options);
+    return options.save.empty() ? status : save_for(report, options.save, status);
   } catch (const std::exception& error) {
     return complain(error);
   }

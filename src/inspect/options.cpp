@@ -23,8 +23,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kUsage =
-    "Usage: valta-driver-inspect before [--program FILE] [--timeout SECONDS]\n"
-    "                                   [--json] [--verbose]\n"
+    "Usage: valta-driver-inspect before [--program FILE] [--save FILE]\n"
+    "                                   [--timeout SECONDS] [--json] [--verbose]\n"
     "       valta-driver-inspect after [--status N] [--console FILE]\n"
     "                                  [--timeout SECONDS] [--json] [--verbose]\n"
     "       valta-driver-inspect --help | --version\n";
@@ -36,6 +36,7 @@ constexpr const char* kHelp =
     "  after   checks what the last run did, and shows what is left\n"
     "\n"
     "  --program FILE     the uninstaller, if not the one beside this program\n"
+    "  --save FILE        save what the run would delete or change in this archive\n"
     "  --timeout SECONDS  time limit: 600 by default for before, 60 for after\n"
     "  --status N         the exit status of the run\n"
     "  --console FILE     what the run printed on standard error\n"
@@ -105,9 +106,11 @@ struct OptionRow {
   void (*take)(Options& options, const char* argument);
 };
 
-constexpr std::array<OptionRow, 7> kOptions = {{
+constexpr std::array<OptionRow, 8> kOptions = {{
     {"program", required_argument, Command::before,
      [](Options& options, const char* argument) { options.program = argument; }},
+    {"save", required_argument, Command::before,
+     [](Options& options, const char* argument) { options.save = argument; }},
     {"timeout",
      required_argument,
      {},

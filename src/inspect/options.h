@@ -14,6 +14,7 @@ struct Options {
   int timeout = 0;      ///< in seconds: of the dry run, or of `after`
   std::optional<int> status;
   std::string console;  ///< the text of the file
+  std::string save;     ///< for `before`: the archive to write; empty for none
   bool json = false;
   bool verbose = false;
 };

@@ -1,6 +1,5 @@
 #include "inspect/report/json.h"
 
-#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "uninstall/install_root.h"
@@ -47,7 +46,7 @@ Json array_of(const std::vector<Item>& items) {
 
 }  // namespace
 
-void print_json(const Report& report) {
+std::string json_of(const Report& report) {
   const Json object = {
       {"schema", kSchema},
       {"verb", name_of(report.command)},
@@ -67,7 +66,7 @@ void print_json(const Report& report) {
       {"findings", array_of(report.findings)},
       {"seconds", report.seconds},
   };
-  std::puts(object.dump(2, ' ', true, Json::error_handler_t::replace).c_str());
+  return object.dump(2, ' ', true, Json::error_handler_t::replace);
 }
 
 }  // namespace valta::inspect

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <string>
+
 #include "inspect/report/report.h"
 
 namespace valta::inspect {
 
-/// Prints `report` for programs: one JSON object, in ASCII, with a newline. Bytes that are not
-/// UTF-8 become U+FFFD.
-void print_json(const Report& report);
+/// `report` for programs: one JSON object, in ASCII. Bytes that are not UTF-8 become U+FFFD.
+[[nodiscard]] std::string json_of(const Report& report);
 
 }  // namespace valta::inspect
