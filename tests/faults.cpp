@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <new>
 #include <string>
 #include <sys/types.h>
@@ -71,6 +72,10 @@ FILE* __wrap_popen(const char* command, const char* mode) {
 }
 
 int __wrap_open(const char* path, int flags, mode_t mode) {
+  if (fault_is("tmpfile") && (flags & O_TMPFILE) == O_TMPFILE) {
+    errno = EOPNOTSUPP;
+    return -1;
+  }
   return __real_open(plain_file(path).c_str(), flags, mode);
 }
 

@@ -23,7 +23,8 @@ inline std::string reason_not_to_inspect() {
 /// A throwaway host on which valta-driver-inspect can be run.
 class Inspect : public testing::Test {
  protected:
-  Inspect() { host.put_faulty_programs(); }
+  /// With the machine's `tools` besides, words with spaces between them.
+  explicit Inspect(const std::string& tools = "") : host(tools) { host.put_faulty_programs(); }
 
   void SetUp() override {
     if (const std::string reason = reason_not_to_inspect(); !reason.empty()) {

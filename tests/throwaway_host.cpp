@@ -194,6 +194,7 @@ void ThrowawayHost::put_faulty_programs() {
   const auto options = fs::copy_options::overwrite_existing;
   fs::copy_file(VALTA_FAULTY_PROGRAM, root_ + "/valta-driver-uninstaller", options);
   fs::copy_file(VALTA_FAULTY_INSPECT, root_ + kInspect, options);
+  fs::copy_file(VALTA_FAULTY_REMOVE, root_ + "/valta-driver-remove", options);
 }
 
 void ThrowawayHost::put_probe() { fs::copy_file(VALTA_PROBE, root_ + "/probe"); }
@@ -207,6 +208,15 @@ Inspection ThrowawayHost::inspect(const std::string& arguments, const std::strin
   collect_report(page);
   const std::string text = contents(page);
   return {status, nlohmann::json::parse(text, nullptr, false), text};
+}
+
+Inspection ThrowawayHost::command(const std::string& commands) {
+  const std::string page = scratch_ + "/page";
+  std::ofstream(root_ + "/run/commands.sh") << kFunctions << commands;
+  const int status =
+      script("enter", "-r -e PATH=/usr/sbin:/usr/bin:/sbin:/bin" + quote(root_) +
+                          " /bin/real/sh /run/commands.sh >" + quote(page) + " 2>&1");
+  return {status, nullptr, contents(page)};
 }
 
 std::string ThrowawayHost::follow(const std::map<std::string, std::string>& part, bool heeds) {

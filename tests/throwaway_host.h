@@ -85,6 +85,8 @@ class ThrowawayHost {
   /// caller ignores SIGCHLD and has a file open. `options` are for the script that enters the host.
   Inspection inspect(const std::string& arguments, const std::string& path = "/usr/bin:/bin",
                      const std::string& form = "--json", const std::string& options = "");
+  /// Runs the shell commands `commands` where `inspect` can be run.
+  Inspection command(const std::string& commands);
   /// Runs tests/host/follow-page, which types the commands that valta-driver-inspect prints. `part`
   /// has the settings of this host. Returns everything that was printed and typed.
   std::string follow(const std::map<std::string, std::string>& part, bool heeds);
