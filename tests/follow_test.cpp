@@ -16,7 +16,8 @@ using testing::Not;
 
 namespace {
 
-constexpr const char* kTools = "cat cp mv ls env grep pgrep df findmnt umount mount chattr uname";
+constexpr const char* kTools =
+    "cat cp mv ls env grep pgrep df findmnt umount mount chattr uname tar sha256sum";
 const std::string kManifest = kUninstallManifestPath;
 
 std::vector<Situation> odd_hosts() {

@@ -1,5 +1,6 @@
 #include "inspect/before.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include "inspect/findings/findings.h"
 #include "inspect/host/dkms.h"
 #include "inspect/host/modules.h"
+#include "inspect/host/program.h"
 #include "inspect/host/run_log.h"
 #include "inspect/report/run_check.h"
 #include "uninstall/manifest_handlers.h"
@@ -21,8 +23,10 @@
 #include "utils/files.h"
 #include "utils/progress.h"
 #include "utils/search_path.h"
+#include "utils/shell.h"
 
 namespace valta::inspect {
+namespace fs = std::filesystem;
 namespace {
 
 UnitState state_after(ActionKind kind) {
@@ -68,9 +72,9 @@ void mark_listed(const Installation& installation, Report& report) {
   std::set<std::string> listed;
   for (const ManifestEntry& entry : installation.entries) {
     const bool is_unit = target_of(entry.type) == EntryTarget::unit;
-    const std::filesystem::path path = is_unit ? unit_file_path(entry.path) : entry.path;
+    const fs::path path = is_unit ? unit_file_path(entry.path) : entry.path;
     std::error_code ignored;
-    listed.insert(std::filesystem::weakly_canonical(path.parent_path(), ignored) / path.filename());
+    listed.insert(fs::weakly_canonical(path.parent_path(), ignored) / path.filename());
   }
   for (Removal& removal : report.removed) {
     removal.is_listed = listed.contains(removal.path);
@@ -116,6 +120,23 @@ void predict(const std::string& program, int timeout, const Installation& instal
   }
 }
 
+/// The command that saves everything that a run removes. Comes before the overlay: with another root
+/// directory, this program has another path.
+std::string saving_command() {
+  const fs::path inspector = fs::path(program_beside()).replace_filename("valta-driver-inspect");
+  return shell_command("% before --save /root/valta-saved.tar", {inspector.native()});
+}
+
+/// Offers `command` once, where a path is deleted even if it was changed.
+void offer_saving(const std::string& command, Report& report) {
+  const auto first =
+      std::find_if(report.findings.begin(), report.findings.end(),
+                   [](const Finding& finding) { return finding.id == FindingId("unseen"); });
+  if (first != report.findings.end()) {
+    first->next = command;
+  }
+}
+
 /// Prepares this process for a dry run. Returns false if that is not possible, with the reason in
 /// the report.
 bool prepare_view(std::vector<std::string>& detached, Report& report) {
@@ -139,6 +160,7 @@ Report before(const std::string& program, int timeout) {
   Report report;
   report.command = Command::before;
   begin_step("Looking at the host");
+  const std::string saving = saving_command();
   // Comes first: in namespaces of its own, this process changes no access times and waits for no
   // file system.
   std::vector<std::string> detached;
@@ -149,6 +171,7 @@ Report before(const std::string& program, int timeout) {
   try {
     if (prepared) {
       predict(program, timeout, installation, detached, report);
+      offer_saving(saving, report);
       return report;
     }
   } catch (const std::exception& problem) {
