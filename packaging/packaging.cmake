@@ -12,8 +12,9 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(description "Unloads the kernel modules of the driver stack and removes everything in
 the manifest of its installer: files, links, directories, services and the
 DKMS module. Keeps files that were changed since the installation. A second
-program predicts a run and checks the last one. Removing this package does
-not uninstall the driver stack.")
+program predicts a run and checks the last one. A third one does all of this
+in one command and can undo it. Removing this package does not uninstall the
+driver stack.")
 
 # The name of the processor in each family.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
