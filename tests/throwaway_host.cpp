@@ -54,9 +54,10 @@ int script(const std::string& name, const std::string& arguments) {
   return WEXITSTATUS(status);
 }
 
-/// Keeps `page`, if it is a report, for scripts/check-reports.
+/// Keeps `page`, if it is a report and nothing else, for scripts/check-reports.
 void collect_report(const std::string& page) {
-  if (std::ifstream(page).peek() == '{') {
+  std::ifstream file(page);
+  if (file.peek() == '{' && nlohmann::json::accept(file)) {
     static int number = 0;
     fs::create_directories(VALTA_SCRATCH "/../reports");
     fs::copy_file(page,

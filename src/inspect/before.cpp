@@ -120,8 +120,8 @@ void predict(const std::string& program, int timeout, const Installation& instal
   }
 }
 
-/// The command that saves everything that a run removes. Comes before the overlay: with another root
-/// directory, this program has another path.
+/// The command that saves everything that a run removes. Comes before the overlay: with another
+/// root directory, this program has another path.
 std::string saving_command() {
   const fs::path inspector = fs::path(program_beside()).replace_filename("valta-driver-inspect");
   return shell_command("% before --save /root/valta-saved.tar", {inspector.native()});
