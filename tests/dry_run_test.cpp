@@ -379,7 +379,9 @@ TEST_F(DryRun, LeavesNothingBehindWhenKilled) {
 
 TEST(Watch, ShowsOnATerminalWhatTakesLong) {
   const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY));
-  ASSERT_EQ(grantpt(terminal.get()) + unlockpt(terminal.get()), 0);
+  if (grantpt(terminal.get()) + unlockpt(terminal.get()) != 0) {
+    GTEST_SKIP() << "this machine has no pseudo-terminals";
+  }
   const pid_t child = fork();
   if (child == 0) {
     dup2(open(ptsname(terminal.get()), O_RDWR | O_NOCTTY), STDERR_FILENO);
