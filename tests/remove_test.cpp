@@ -80,7 +80,9 @@ class Removes : public Inspect, public testing::WithParamInterface<Situation> {
 TEST_P(Removes, AndPutsAllBack) {
   meet(GetParam(), host);
   const Listing before = state();
-  if (run_saving()) {
+  const bool is_saved = run_saving();
+  RecordProperty("saved", !is_saved ? "nothing" : host.has(kSaved) ? "with --save" : "with remove");
+  if (is_saved) {
     EXPECT_NE(state(), before);
     expect_undone(before, host.has(kSaved) ? kSaved : "");
   }
@@ -160,7 +162,7 @@ TEST_F(RemovesTheSample, WithoutTheTerminalThatItWasStartedFrom) {
       "sleep 0.1; done; exec /aside \"$@\"'");
   before = state();
   host.command(
-      "await() { for i in 1 2 3 4 5 6 7 8 9 10 11 12; do [ -s $1 ] || sleep 0.5; done; }; " +
+      "await() { i=0; while [ ! -s $1 ] && [ $((i += 1)) -lt 500 ]; do sleep 0.1; done; }; " +
       kRemove + "--yes & await /run/started; kill -KILL $!; echo >/run/go; await " + kRuns +
       "/*/after.json; rm /run/started /run/go");
   EXPECT_THAT(host.command(kRemove + "list").page, HasSubstr("kept, saved"));

@@ -44,7 +44,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int kSecondsOfDryRun = 600;
-constexpr int kSecondsOfLooks = 60;
+constexpr int kSecondsOfLooks = 300;
 
 // Exit statuses: of a run that succeeds, the largest; without a run; of one that cannot be told.
 constexpr int kSomethingStays = 1;
