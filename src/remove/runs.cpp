@@ -7,7 +7,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -85,13 +84,12 @@ void delete_old_runs() {
 void list_runs() {
   for (const std::string& name : names_in(kRuns)) {
     const std::string run = kRuns + "/" + name;
-    std::string text;
-    read_regular_file(run + "/" + kAfter, text);
-    const auto report = nlohmann::json::parse(text, nullptr, false);
-    std::printf("%s  %s%s%s\n", name.c_str(),
-                !lexists(run + "/" + kOutput) ? "not run"
-                : report.is_object()          ? report.value("outcome", "").c_str()
-                                              : "unfinished",
+    std::string page;
+    read_regular_file(run + "/" + kPage, page);
+    const std::string outcome = lexists(run + "/" + kAfter)    ? page.substr(0, page.find(':'))
+                                : lexists(run + "/" + kOutput) ? "unfinished"
+                                                               : "not run";
+    std::printf("%s  %s%s%s\n", name.c_str(), outcome.c_str(),
                 lexists(run + "/" + kArchive) ? ", saved" : "",
                 lexists(run + "/" + kUndone) ? ", undone" : "");
   }
