@@ -203,7 +203,7 @@ TEST_F(RemovesTheSample, AndOverwritesNothingNewer) {
 TEST_F(RemovesTheSample, AndNamesWhatThePredictionDidNotHave) {
   host.sh("tool /sbin/rmmod 'rm -f /usr/local/valta-*/etc/site.conf; : >/plain/proc/modules'");
   EXPECT_THAT(host.command(kRemove + "--yes").page,
-              HasSubstr("Removed and not saved, unlike the prediction: /usr/local/valta-"));
+              HasSubstr("Removed, but neither predicted nor saved: /usr/local/valta-"));
 }
 
 }  // namespace

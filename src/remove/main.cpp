@@ -27,20 +27,20 @@ constexpr const char* kUsage =
 
 constexpr const char* kHelp =
     "\n"
-    "Without a command it shows what a run of valta-driver-uninstaller would do to this\n"
-    "host, saves what the run would remove or change, asks, runs it, and shows what it did.\n"
+    "Without a command, shows what a run of valta-driver-uninstaller would do to this host,\n"
+    "saves what the run would remove or change, asks, runs it, and checks the result.\n"
     "\n"
-    "  undo       puts back what RUN, by default the last one, has removed or changed\n"
-    "  list       shows the runs of this host\n"
+    "  undo       put back what RUN, by default the last one, removed or changed\n"
+    "  list       list the runs of this host\n"
     "\n"
-    "  --dry-run  end after the prediction\n"
+    "  --dry-run  only show what the run would do\n"
     "  --yes      do not ask\n"
     "  --no-save  save nothing, so that the run cannot be undone\n"
     "  --verbose  show every finding, and lists of paths, output and log\n"
     "  --force    undo on another host, and over files that are newer than the run\n"
     "\n"
-    "Exit status: 0 all is removed, or put back; 1 something is kept, or not put back; 2 the\n"
-    "run fails, or nothing was done; 3 it cannot be told; 64 wrong usage. Read\n"
+    "Exit status: 0 everything is removed, or put back; 1 something is kept, or not put back;\n"
+    "2 the run fails, or nothing was done; 3 the result is unknown; 64 wrong usage. See\n"
     "valta-driver-remove(8).\n";
 
 /// Takes `option` out of `arguments`; whether it was there.
@@ -81,7 +81,7 @@ int run(std::vector<std::string> arguments) {
     return EX_USAGE;
   }
   if (geteuid() != 0) {
-    std::fputs("valta-driver-remove: only root can do this\n", stderr);
+    std::fputs("valta-driver-remove: run it as root\n", stderr);
     return EX_NOPERM;
   }
   if (command == "list") {

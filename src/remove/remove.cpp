@@ -97,7 +97,8 @@ int watched(const std::function<int()>& work, int seconds) {
       },
       seconds);
   if (!status) {
-    std::printf("This host does not answer within %d seconds: %s\n", seconds, current_step());
+    std::printf("This host did not answer within %d seconds, at this step: %s\n", seconds,
+                current_step());
   }
   return status.value_or(kUnknown);
 }
@@ -116,7 +117,7 @@ int predict(const Options& options, const std::string& run) {
   std::puts("");
   const bool is_idle = report.removed.empty() && report.unloaded.empty();
   if (options.dry_run || status > kSomethingStays || is_idle) {
-    std::fputs(status > kSomethingStays ? "The cause is named above.\n"
+    std::fputs(status > kSomethingStays ? "Fix the problems above first.\n"
                : is_idle                ? "There is nothing to remove.\n"
                                         : "",
                stdout);
@@ -139,7 +140,7 @@ int predict(const Options& options, const std::string& run) {
                 static_cast<double>(fs::file_size(run + kArchive)) / kMegabyte, run.c_str());
   }
   for (const std::string& loss : options.save ? losses : std::vector<std::string>()) {
-    std::printf("Not saved (--no-save goes without): %s\n", escaped(loss).c_str());
+    std::printf("Not saved (--no-save continues without it): %s\n", escaped(loss).c_str());
   }
   return options.yes && options.save && !losses.empty() ? kNothingDone : status | kGoOn;
 }
@@ -210,7 +211,7 @@ int work(const std::string& run, const Record& record, bool verbose) {
   const auto saved = saved_states(record);
   for (const std::string& path : earlier) {
     if (!record.empty() && !lexists(path) && !saved.contains(path)) {
-      std::printf("\nRemoved and not saved, unlike the prediction: %s\n", escaped(path).c_str());
+      std::printf("\nRemoved, but neither predicted nor saved: %s\n", escaped(path).c_str());
       status = std::max(status, kSomethingStays);
     }
   }
@@ -222,7 +223,7 @@ int work(const std::string& run, const Record& record, bool verbose) {
 bool is_unchanged(const Record& record) {
   for (const auto& [path, state] : saved_states(record)) {
     if (state_of(path) != state) {
-      std::printf("%s has changed meanwhile.\n", escaped(path).c_str());
+      std::printf("%s has changed since it was saved.\n", escaped(path).c_str());
       return false;
     }
   }
@@ -242,7 +243,7 @@ int run_and_show(const std::string& run, const Record& record, bool verbose) {
   const int status = wait_for(worker);
   std::string page;
   read_regular_file(run + kPage, page);
-  std::printf("%s\nAll that is known of the run: %s\n", page.c_str(), run.c_str());
+  std::printf("%s\nThe records of the run are in %s\n", page.c_str(), run.c_str());
   if (!record.empty()) {
     std::printf("To put back what it removed:\n      valta-driver-remove undo %s\n",
                 fs::path(run).parent_path().filename().c_str());
@@ -257,7 +258,7 @@ int remove_stack(const Options& options) {
     return watched([&] { return predict(options, ""); }, kSecondsOfDryRun);
   }
   if (!options.yes && (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)) {
-    throw std::runtime_error("without a terminal to ask at, --yes is needed");
+    throw std::runtime_error("there is no terminal to ask on: use --yes");
   }
   const Descriptor lock = lock_runs();
   const std::string run = make_run() + "/";
@@ -267,7 +268,7 @@ int remove_stack(const Options& options) {
   const Record record = is_saved ? read_record(record_of(run + kArchive)) : Record();
   if (prediction < kGoOn || !(options.yes || is_confirmed(is_saved)) || !is_unchanged(record)) {
     fs::remove_all(run);
-    std::puts("Nothing is run.");
+    std::puts("The uninstaller was not run.");
     return prediction < kGoOn ? prediction : kNothingDone;
   }
   const int status = run_and_show(run, record, options.verbose);

@@ -36,7 +36,7 @@ Descriptor lock_runs() {
     fail_to_make(kRuns);
   }
   if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    throw std::runtime_error("another run or undo has not ended yet");
+    throw std::runtime_error("another run or undo is still going");
   }
   return lock;
 }

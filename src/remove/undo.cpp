@@ -167,7 +167,7 @@ int undo(const std::string& file, bool force) {
   Undo way_back(file);
   const std::vector<std::string> objections = way_back.objections();
   if (!objections.empty() && !force) {
-    print("Nothing is put back; --force does it even so:", objections);
+    print("Nothing is put back. To put it back anyway, use --force:", objections);
     return kNothingDone;
   }
   std::printf("Putting back %s:\n", file.c_str());
@@ -175,8 +175,8 @@ int undo(const std::string& file, bool force) {
   if (lexists(way_back.beside(kOutput)) && !lexists(way_back.beside(kUndone))) {
     write_new_file(way_back.beside(kUndone), "");
   }
-  troubles.empty() ? static_cast<void>(std::puts("All is as before the run."))
-                   : print("Not as before the run:", troubles);
+  troubles.empty() ? static_cast<void>(std::puts("Everything is as it was before the run."))
+                   : print("Not as it was before the run:", troubles);
   return troubles.empty() ? 0 : 1;
 }
 

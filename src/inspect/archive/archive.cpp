@@ -198,7 +198,7 @@ Record save(const std::string& file, const Report& report) {
                           '\n');
     for (const auto& [path, state] : states) {
       if (state_of(path) != state) {
-        throw ArchiveError(escaped(path) + " has changed meanwhile");
+        throw ArchiveError(escaped(path) + " changed while it was saved");
       }
     }
     record[kSum] = {sum_of(archive.path_so_far())};
