@@ -42,7 +42,8 @@ int answer(const Report& report, const Options& options) {
 int save_for(const Report& report, const std::string& file, int status) {
   begin_step("Saving");
   try {
-    for (const std::string& loss : save(file, report)[kLoss]) {
+    const Record record = save(file, report);
+    for (const std::string& loss : texts(record, kLoss)) {
       std::fprintf(stderr, "valta-driver-inspect: not saved: %s\n", loss.c_str());
     }
     return status;
