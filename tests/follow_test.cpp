@@ -166,7 +166,8 @@ std::vector<Situation> odd_hosts() {
        .mend = "echo >/fifo; wait",
        .instead = ": >" + kLog +
                   "; mkfifo /fifo; cp /bin/real/sh /tmp/valta-driver-uninstaller; "
-                  "/tmp/valta-driver-uninstaller -c 'read line </fifo' &"},
+                  "/tmp/valta-driver-uninstaller -c ': >/started; read line </fifo' & "
+                  "until [ -e /started ]; do :; done"},
       {.name = "LogIsADirectory",
        .prepare = "rm " + kLog + "; mkdir " + kLog,
        .pattern = "cannot be opened for writing",
