@@ -108,10 +108,10 @@ std::string sum_of(const std::string& file) {
 
 /// The kernel whose modules `path` is among.
 std::optional<std::string> kernel_of(std::string_view path) {
-  constexpr std::string_view kModules = "/lib/modules/";
+  constexpr std::string_view directory = "/lib/modules/";
   path.remove_prefix(path.starts_with("/usr/") ? std::strlen("/usr") : 0);
-  return path.starts_with(kModules)
-             ? std::optional(split(path.substr(kModules.size()), '/').front())
+  return path.starts_with(directory)
+             ? std::optional(split(path.substr(directory.size()), '/').front())
              : std::nullopt;
 }
 
@@ -155,10 +155,10 @@ Record describe(const Report& report) {
 /// Throws `ArchiveError` where the paths of `states` do not fit beside the file `archive`: a disk
 /// that is full, even for a moment, is felt by others.
 void check_room(const std::map<std::string, std::string>& states, const Descriptor& archive) {
-  constexpr std::uintmax_t kHeaders = 4096;
+  constexpr std::uintmax_t size_of_headers = 4096;
   std::uintmax_t needed = 0;
   for (const auto& [path, state] : states) {
-    needed += kHeaders + (is_of_file(state) ? fs::file_size(path) : 0);
+    needed += size_of_headers + (is_of_file(state) ? fs::file_size(path) : 0);
   }
   struct statvfs room {};
   if (fstatvfs(archive.get(), &room) == 0 && needed > room.f_bavail * room.f_frsize) {
