@@ -221,13 +221,14 @@ int work(const std::string& run, const Record& record, bool verbose) {
 
 /// Whether the host is as it was when the archive of `record` was written.
 bool is_unchanged(const Record& record) {
-  for (const auto& [path, state] : saved_states(record)) {
-    if (state_of(path) != state) {
-      std::printf("%s has changed since it was saved.\n", escaped(path).c_str());
-      return false;
-    }
+  const auto saved = saved_states(record);
+  const auto changed = std::find_if(saved.begin(), saved.end(), [](const auto& path_and_state) {
+    return state_of(path_and_state.first) != path_and_state.second;
+  });
+  if (changed != saved.end()) {
+    std::printf("%s has changed since it was saved.\n", escaped(changed->first).c_str());
   }
-  return true;
+  return changed == saved.end();
 }
 
 /// Runs in a process that neither the end of this one nor that of its terminal ends, and shows what

@@ -42,18 +42,18 @@ Descriptor lock_runs() {
 }
 
 std::string make_run() {
-  const std::time_t now = std::time(nullptr);
-  std::array<char, 32> name{};
-  std::strftime(name.data(), name.size(), "/%Y%m%d-%H%M%S", std::localtime(&now));
-  const std::string run = kRuns + name.data();
-  if (mkdir(run.c_str(), S_IRWXU) == 0) {
-    return run;
+  for (;; sleep(1)) {
+    const std::time_t now = std::time(nullptr);
+    std::array<char, 32> name{};
+    std::strftime(name.data(), name.size(), "/%Y%m%d-%H%M%S", std::localtime(&now));
+    std::string run = kRuns + name.data();
+    if (mkdir(run.c_str(), S_IRWXU) == 0) {
+      return run;
+    }
+    if (errno != EEXIST) {
+      fail_to_make(run);
+    }
   }
-  if (errno != EEXIST) {
-    fail_to_make(run);
-  }
-  sleep(1);
-  return make_run();
 }
 
 std::string find_archive(const std::string& name) {

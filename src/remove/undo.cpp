@@ -107,12 +107,13 @@ class Undo {
 
   /// Deletes what was not there before the run, unless it has changed.
   void delete_made() const {
-    const std::vector<std::string> made = texts(record_, kMade);
-    for (auto path = made.rbegin(); path != made.rend(); ++path) {
-      const auto left = left_.find(*path);
+    std::vector<std::string> made = texts(record_, kMade);
+    std::reverse(made.begin(), made.end());
+    for (const std::string& path : made) {
+      const auto left = left_.find(path);
       std::error_code ignored;
-      if (left != left_.end() && is_same(left->second, state_of(*path))) {
-        fs::remove(*path, ignored);
+      if (left != left_.end() && is_same(left->second, state_of(path))) {
+        fs::remove(path, ignored);
       }
     }
   }
