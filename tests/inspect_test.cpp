@@ -173,7 +173,7 @@ struct Judged {
   std::optional<int> status = 0;
   std::vector<std::string> registrations = {};
   std::string closing = kSucceeded;
-  std::string console = "";
+  std::string console = {};
 };
 
 void PrintTo(const Judged& run, std::ostream* stream) { *stream << run.name; }
