@@ -12,7 +12,6 @@
 
 using namespace valta;
 using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
@@ -29,7 +28,7 @@ class Removes : public Inspect, public testing::WithParamInterface<Situation> {
 
   /// All that a run may change, but for what no undo brings back: the times of directories, what
   /// depmod makes, and how often a module is used.
-  Listing state() const {
+  [[nodiscard]] Listing state() const {
     Listing lines;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(host.outside(""))) {
       const std::string path = entry.path().string().substr(host.outside("").size());
@@ -104,18 +103,18 @@ class RemovesTheSample : public Removes {
     Removes::SetUp();
     host.install_sample();
     host.sh(kOddNames);
-    setxattr(host.outside(kOdd).c_str(), "user.kept", "value", 5, 0);  // not on every tmpfs
+    setxattr(host.outside(odd).c_str(), "user.kept", "value", 5, 0);  // not on every tmpfs
     kept_attribute = attribute();
     before = state();
   }
 
-  std::string attribute() const {
+  [[nodiscard]] std::string attribute() const {
     std::string value(5, ' ');
-    getxattr(host.outside(kOdd).c_str(), "user.kept", value.data(), value.size());
+    getxattr(host.outside(odd).c_str(), "user.kept", value.data(), value.size());
     return value;
   }
 
-  const std::string kOdd = "/etc/zephanor/a b";
+  const std::string odd = "/etc/zephanor/a b";
   Listing before;
   std::string kept_attribute;
 };
