@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <fcntl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -32,5 +34,19 @@ class Descriptor {
 
   int number_;
 };
+
+/// The ends of a pipe.
+struct Pipe {
+  Descriptor reader;
+  Descriptor writer;
+};
+
+/// A pipe that no executed program inherits. Its ends are not open if there is none; errno says
+/// why.
+[[nodiscard]] inline Pipe make_pipe() {
+  std::array<int, 2> ends{};
+  return pipe2(ends.data(), O_CLOEXEC) == 0 ? Pipe{Descriptor(ends[0]), Descriptor(ends[1])}
+                                            : Pipe();
+}
 
 }  // namespace valta

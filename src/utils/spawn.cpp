@@ -52,33 +52,17 @@ int wait_for(pid_t child) {
   return ended ? WEXITSTATUS(status) : kNotRun;
 }
 
-/// A pipe from a child process to this one.
-struct Pipe {
-  Descriptor reader;
-  Descriptor writer;
-
-  bool open() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-      return false;
-    }
-    reader = Descriptor(ends[0]);
-    writer = Descriptor(ends[1]);
-    return true;
+/// All that a child writes to `pipe`, once it has the other end.
+std::string read_all(Pipe& pipe) {
+  pipe.writer.reset();
+  std::string text;
+  std::array<char, 4096> buffer{};
+  ssize_t count = 0;
+  while ((count = read(pipe.reader.get(), buffer.data(), buffer.size())) > 0) {
+    text.append(buffer.data(), static_cast<std::size_t>(count));
   }
-
-  /// All that comes, once the child has the other end.
-  std::string read_all() {
-    writer.reset();
-    std::string text;
-    std::array<char, 4096> buffer{};
-    ssize_t count = 0;
-    while ((count = read(reader.get(), buffer.data(), buffer.size())) > 0) {
-      text.append(buffer.data(), static_cast<std::size_t>(count));
-    }
-    return text;
-  }
-};
+  return text;
+}
 
 }  // namespace
 
@@ -92,8 +76,8 @@ int exit_status_of(std::vector<std::string> command, Printing printing) {
 }
 
 bool output_of(std::vector<std::string> command, const std::string& input, std::string& output) {
-  Pipe pipe;
-  if (!pipe.open()) {
+  Pipe pipe = make_pipe();
+  if (!pipe.reader.is_open()) {
     return false;
   }
   Streams streams;
@@ -101,13 +85,13 @@ bool output_of(std::vector<std::string> command, const std::string& input, std::
   streams.duplicate(pipe.writer.get(), STDOUT_FILENO);
   streams.open(STDERR_FILENO, "/dev/null", O_WRONLY);
   const pid_t child = start(command, streams);
-  output = pipe.read_all();
+  output = read_all(pipe);
   return wait_for(child) == 0;
 }
 
 int run_between(std::vector<std::string> command, int input, int output, std::string& complaint) {
-  Pipe pipe;
-  if (!pipe.open()) {
+  Pipe pipe = make_pipe();
+  if (!pipe.reader.is_open()) {
     return kNotRun;
   }
   Streams streams;
@@ -115,7 +99,7 @@ int run_between(std::vector<std::string> command, int input, int output, std::st
   streams.duplicate(output, STDOUT_FILENO);
   streams.duplicate(pipe.writer.get(), STDERR_FILENO);
   const pid_t child = start(command, streams);
-  complaint = pipe.read_all();
+  complaint = read_all(pipe);
   return wait_for(child);
 }
 

@@ -37,17 +37,12 @@ struct Message {
   std::array<char, 200> tried{};
 };
 
-struct Pipe {
-  Descriptor reader;
-  Descriptor writer;
-};
-
-Pipe make_pipe() {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+Pipe need_pipe() {
+  Pipe pipe = make_pipe();
+  if (!pipe.reader.is_open()) {
     fail_to("get a pipe");
   }
-  return {Descriptor(ends[0]), Descriptor(ends[1])};
+  return pipe;
 }
 
 /// Takes the place of this process.
@@ -124,8 +119,8 @@ std::string command_of(pid_t process) {
 
 FirstProcess::FirstProcess(const Overlay& overlay, const std::string& program, int output,
                            int console) {
-  Pipe report = make_pipe();
-  Pipe lifeline = make_pipe();
+  Pipe report = need_pipe();
+  Pipe lifeline = need_pipe();
   pid_ = fork_into_namespace();
   if (pid_ < 0) {
     fail_to("start a process in a namespace of its own");
