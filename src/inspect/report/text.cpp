@@ -92,7 +92,9 @@ std::string headline(const Report& report) {
     case Outcome::busy:
       return ends + " because a module is in use";
     case Outcome::failed:
-      return ends + (report.status == 0 ? ", but part of its work fails" : "");
+      return ends + (report.status != 0 ? ""
+                     : before           ? ", but part of its work would fail"
+                                        : ", but part of its work failed");
     case Outcome::nothing_done:
       return ends + " without doing anything";
     case Outcome::unfinished:
