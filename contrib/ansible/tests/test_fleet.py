@@ -496,7 +496,7 @@ exit ${status:-0}\n"""}.items():
         (here / program).write_text(text)
         (here / program).chmod(0o755)
     for call_of_page, hosts, others in ((calls, ["first", "second"], []), (
-            "./uninstall-fleet; " + calls.split("\n")[1], ["third", "fourth"], ["away"])):
+            "./uninstall-fleet; " + calls.split("\n")[1], ["third", "fourth"], ["nowhere"])):
         (here / "hosts").write_text("".join(name + "\n" for name in hosts + others))
         shutil.rmtree(here / "results", ignore_errors=True)
         for host in hosts:
