@@ -16,13 +16,13 @@ site_of_apt() {  # LABEL
 
 # Prints where debootstrap takes a release from. A release of Ubuntu that it does not know is served
 # where the others are.
-site_of_debootstrap() {  # SUITE
+site_of_debootstrap() {  # SUITE PROCESSOR
   local script=/usr/share/debootstrap/scripts/$1
   [ -e "$script" ] || script=/usr/share/debootstrap/scripts/gutsy
   # shellcheck disable=SC2034,SC2317  # the script reads the variables and calls the functions
   (
     set +eu
-    ARCH=$(dpkg --print-architecture) SUITE=$1
+    ARCH=$2 SUITE=$1
     default_mirror() { echo "$1" && exit; }
     # Comes after default_mirror, or alone in the scripts of Debian.
     mirror_style() { sed -n 's/^DEF_MIRROR="\(.*\)"$/\1/p' /usr/sbin/debootstrap && exit; }
@@ -31,23 +31,28 @@ site_of_debootstrap() {  # SUITE
   )
 }
 
+is_debian() {  # SUITE
+  case $1 in sid | forky | bullseye | bookworm | trixie) ;; *) return 1 ;; esac
+}
+
 # Prints the lines of apt's sources for a release, the newest first of what its mirrors serve. The
 # mirror is VALTA_DEBIAN_MIRROR or VALTA_UBUNTU_MIRROR, or that of apt's own sources, or debootstrap's.
-apt_sources() {  # SUITE
-  local mirror security
-  case $1 in
-    sid | forky | bullseye | bookworm | trixie)
-      mirror=${VALTA_DEBIAN_MIRROR:-$(site_of_apt Debian)}
-      mirror=${mirror:-$(site_of_debootstrap "$1")}
-      security=${VALTA_DEBIAN_MIRROR:-$(site_of_apt Debian-Security)}
-      security=${security:-$mirror}
-      security=${security%-security}-security
-      ;;
-    *)
-      mirror=${VALTA_UBUNTU_MIRROR:-$(site_of_apt Ubuntu)}
-      mirror=${mirror:-$(site_of_debootstrap "$1")}
-      ;;
-  esac
+apt_sources() {  # SUITE [PROCESSOR]
+  local mirror security native processor
+  native=$(dpkg --print-architecture)
+  processor=${2:-$native}
+  if is_debian "$1"; then
+    mirror=${VALTA_DEBIAN_MIRROR:-$(site_of_apt Debian)}
+    mirror=${mirror:-$(site_of_debootstrap "$1" "$processor")}
+    security=${VALTA_DEBIAN_MIRROR:-$(site_of_apt Debian-Security)}
+    security=${security:-$mirror}
+    security=${security%-security}-security
+  else
+    mirror=${VALTA_UBUNTU_MIRROR:-}
+    # Ubuntu's mirrors serve some processors each.
+    [ -n "$mirror" ] || [ "$processor" != "$native" ] || mirror=$(site_of_apt Ubuntu)
+    mirror=${mirror:-$(site_of_debootstrap "$1" "$processor")}
+  fi
   case $1 in
     sid | forky) echo "deb $mirror $1 main" ;;
     bullseye | bookworm | trixie)
@@ -55,27 +60,26 @@ apt_sources() {  # SUITE
       echo "deb $mirror $1-updates main"
       echo "deb $security $1-security main"
       ;;
-    *) echo "deb $mirror $1 main universe" ;;
+    *)
+      echo "deb $mirror $1 main universe"
+      echo "deb $mirror $1-updates main universe"
+      ;;
   esac
 }
 
 # Prints the path of the keys that sign a release.
-archive_keys() {  # SUITE
+archive_keys() {  # SUITE PROCESSOR
   local keys=build/roots/ubuntu-keys mirror
-  case $1 in
-    sid | forky | bullseye | bookworm | trixie)
-      echo /usr/share/keyrings/debian-archive-keyring.gpg
-      ;;
-    *)
-      if [ ! -d $keys ]; then
-        read -r _ mirror _ < <(apt_sources "$1")
-        curl -fsSo $keys.deb "$mirror/pool/main/u/ubuntu-keyring/$ubuntu_keys"
-        sha256sum --quiet -c <<<"$ubuntu_keys_sum  $keys.deb"
-        dpkg-deb -x $keys.deb $keys
-      fi
-      echo $keys/usr/share/keyrings/ubuntu-archive-keyring.gpg
-      ;;
-  esac
+  if is_debian "$1"; then
+    echo /usr/share/keyrings/debian-archive-keyring.gpg && return
+  fi
+  if [ ! -d $keys ]; then
+    read -r _ mirror _ < <(apt_sources "$@")
+    curl -fsSo $keys.deb "$mirror/pool/main/u/ubuntu-keyring/$ubuntu_keys"
+    sha256sum --quiet -c <<<"$ubuntu_keys_sum  $keys.deb"
+    dpkg-deb -x $keys.deb $keys
+  fi
+  echo $keys/usr/share/keyrings/ubuntu-archive-keyring.gpg
 }
 
 # bootstrap SUITE[/PROCESSOR] TARGET OPTION...: has mmdebstrap make a root file system of a release
@@ -86,9 +90,9 @@ bootstrap() {
   need mmdebstrap=mmdebstrap curl=curl debootstrap=/usr/share/debootstrap/scripts/gutsy \
     debian-archive-keyring=/usr/share/keyrings/debian-archive-keyring.gpg
   mkdir -p build/roots
-  keys=$(archive_keys "$suite")
   [ "$processor" != "$suite" ] || processor=$(dpkg --print-architecture)
-  apt_sources "$suite" | mmdebstrap --architectures="$processor" --keyring="$keys" \
+  keys=$(archive_keys "$suite" "$processor")
+  apt_sources "$suite" "$processor" | mmdebstrap --architectures="$processor" --keyring="$keys" \
     --aptopt='Acquire::Check-Valid-Until "false"' "${@:3}" "$suite" "$target" - >"$log" 2>&1 ||
     { cat "$log" >&2; return 1; }
   rm "$log"
