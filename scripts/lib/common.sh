@@ -109,6 +109,11 @@ run_apt() {
   done
 }
 
+# Prints Debian's name of this machine's processor.
+native_architecture() {
+  case $(uname -m) in x86_64) echo amd64 ;; aarch64) echo arm64 ;; *) uname -m ;; esac
+}
+
 # The path of a static library, or its bare name where the compiler $1 has none.
 library() { "$1" -print-file-name="$2" 2>/dev/null || echo "$2"; }
 
