@@ -108,6 +108,6 @@ make_root() {
   [ ! -d "$root" ] || return 0
   echo "Making the root $1 of $2" >&2
   rm -rf "$root.new"
-  bootstrap "$2" "$root.new" --variant="$3" --include="$packages"
+  bootstrap "$2" "$root.new" --variant="$3" --include="$packages" || return
   mv "$root.new" "$root"
 }
