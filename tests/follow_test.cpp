@@ -20,6 +20,10 @@ constexpr const char* kTools =
     "cat cp mv ls env grep pgrep df findmnt umount mount chattr uname tar sha256sum";
 const std::string kManifest = kUninstallManifestPath;
 
+std::string active(const std::string& unit) {
+  return ": >/run/systemd/units/invocation:" + unit + ".service";
+}
+
 std::vector<Situation> odd_hosts() {
   return {
       {.name = "ImmutableFile",
@@ -120,8 +124,14 @@ std::vector<Situation> odd_hosts() {
        .pattern = "/etc/init.d/u",
        .mend = "rm /run/systemd/generator/u.service"},
       {.name = "UnitThatRefusesToStop",
-       .manifest = {"SERVICE u " + kEmpty},
-       .prepare = "file /lib/systemd/system/u.service RefuseManualStop=yes; : >/run/active/u"},
+       .manifest = {"SERVICE u digest"},
+       .prepare =
+           kAnyDigest + "file /lib/systemd/system/u.service RefuseManualStop=yes; " + active("u"),
+       .ends = "kept"},
+      {.name = "UnitAtRestThatRefusesToStop",
+       .manifest = {"SERVICE u digest"},
+       .prepare = kAnyDigest + "file /lib/systemd/system/u.service RefuseManualStop=yes",
+       .ends = "kept"},
       {.name = "UnitNameForTheShell",
        .manifest = {"SERVICE u;id " + kEmpty},
        .pattern = "a character that is special",
@@ -134,9 +144,14 @@ std::vector<Situation> odd_hosts() {
        .manifest = {"SERVICE t@0 " + kEmpty},
        .prepare = "file /lib/systemd/system/t@.service; ln -s /lib/systemd/system/t@.service "
                   "/etc/systemd/system/multi-user.target.wants/t@1.service"},
+      {.name = "InstanceThatOnlyRuns",
+       .manifest = {"SERVICE t@0 " + kEmpty},
+       .prepare = "file /lib/systemd/system/t@.service; " + active("t@1"),
+       .pattern = "t@1 has no line in the manifest",
+       .heeds = true},
       {.name = "TemplateWithoutInstance",
        .manifest = {"SERVICE t@ " + kEmpty},
-       .prepare = "file /lib/systemd/system/t@.service; : >/run/active/t@"},
+       .prepare = "file /lib/systemd/system/t@.service; " + active("t@1")},
       {.name = "ChangedUnit",
        .manifest = {"SERVICE u " + kEmpty},
        .prepare = "file /lib/systemd/system/u.service precious",

@@ -25,7 +25,7 @@ Names paths_gone(const Listing& before, const Listing& after) {
   for (const auto& [path, attributes] : before) {
     // The scripted systemctl keeps the state of units in this directory; a real systemd keeps it in
     // memory.
-    if (!after.contains(path) && !path.starts_with("/run/active/")) {
+    if (!after.contains(path) && !path.starts_with("/run/systemd/units/")) {
       paths.insert(path);
     }
   }
@@ -113,7 +113,9 @@ TEST_F(Inspect, PrintsAllThatIsOddAboutAHost) {
   expect_of_sample("odd.before", host.inspect("before", "/opt:/usr/bin:/bin", "--verbose").page);
   host.run();
   host.load_module("zvrfs");
-  host.sh(": >/run/active/t@0; mkdir -p /lib/systemd/system/; file /lib/systemd/system/t@.service");
+  host.sh(
+      ": >/run/systemd/units/invocation:t@0.service; mkdir -p /lib/systemd/system/; "
+      "file /lib/systemd/system/t@.service");
   host.inspect("after");
   expect_of_sample("odd.after", host.inspect("after", "/usr/bin:/bin", "--verbose").page);
 }
@@ -121,7 +123,7 @@ TEST_F(Inspect, PrintsAllThatIsOddAboutAHost) {
 TEST_F(Inspect, KeepsItsContractWithScripts) {
   host.sh(
       "file /opt/\xff x; mkdir -p /opt/program; tool /opt/format nothing; "
-      "file /lib/systemd/system/u.service; : >/run/active/u");
+      "file /lib/systemd/system/u.service; : >/run/systemd/units/invocation:u.service");
   std::ofstream(host.outside("/opt/format")) << "\n";  // executable, and in no format
   host.manifest({"FILE /opt/\xff " + kEmpty, "SERVICE u " + kEmpty});
   const Inspection foretold = host.inspect("before");

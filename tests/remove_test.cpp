@@ -43,7 +43,7 @@ class Removes : public Inspect, public testing::WithParamInterface<Situation> {
       } else if (S_ISLNK(status.st_mode)) {
         line << " " << std::filesystem::read_symlink(entry.path()).string();
       }
-      lines[path] = path.starts_with("/run/active/") ? "active" : line.str();
+      lines[path] = path.starts_with("/run/systemd/units/") ? "active" : line.str();
     }
     std::istringstream modules(host.read("/proc/modules"));
     for (std::string module; std::getline(modules, module);) {
@@ -125,7 +125,7 @@ TEST_F(RemovesTheSample, WithNamesAndAttributesOfEveryKind) {
   EXPECT_FALSE(host.has("/etc/zephanor"));
   expect_undone(before);
   EXPECT_EQ(attribute(), kept_attribute);
-  EXPECT_EQ(host.read("/run/active/valta-agent"), "");
+  EXPECT_EQ(host.read("/run/systemd/units/invocation:valta-agent.service"), "");
 }
 
 TEST_F(RemovesTheSample, AndFinishesAnUndoThatWasKilled) {

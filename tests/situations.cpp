@@ -17,7 +17,6 @@ const std::string kOfed =
     "file /usr/src/ofa_kernel/default/Module.symvers; ";
 const std::string kStopped = "Error: failed in removing.\nUninstall valta driver zephanor failed.";
 const std::string kUnit = "/lib/systemd/system/u.service";
-const std::string kAnyDigest = "tool /usr/bin/md5sum 'echo digest of $1'; ";
 
 std::string modules_of_kernel() {
   utsname kernel{};

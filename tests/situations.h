@@ -13,6 +13,9 @@ inline const std::string kSucceeded = "Successfully uninstall driver.\n" + kClos
 inline const std::string kFailed =
     "Uninstall valta driver zephanor failed.\nDriver uninstall failed.\n" + kClosing;
 
+/// To prepare a host on which every file's digest is "digest".
+inline const std::string kAnyDigest = "tool /usr/bin/md5sum 'echo digest of $1'; ";
+
 /// A test scenario: a host with a problem, and the result of a run there. The driver zephanor is
 /// loaded, and the manifest ends with the unchanged file /last.
 struct Situation {

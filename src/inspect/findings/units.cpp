@@ -64,21 +64,13 @@ void look_at_unit_file(const std::string& unit, const std::string& file, Report&
   }
 }
 
-/// The instances of `unit`'s template that are enabled, or run, by their control groups.
+/// The instances of `unit`'s template that are enabled or active.
 std::vector<std::string> instances_of(const std::string& unit) {
   const std::string prefix = template_prefix(unit) + "@";
-  std::vector<std::string> names;
+  std::vector<std::string> names = active_units();
   for (const std::string& link : paths_below("/etc/systemd/system")) {
     if (path_exists(link)) {
       names.push_back(last_component(link));
-    }
-  }
-  for (const std::string hierarchy : {"/sys/fs/cgroup", "/sys/fs/cgroup/systemd"}) {
-    const std::string slices = hierarchy + "/system.slice/";
-    for (const std::string& slice : names_in(slices)) {
-      for (const std::string& group : names_in(slices + slice)) {
-        names.push_back(group);
-      }
     }
   }
   std::vector<std::string> instances;

@@ -85,7 +85,22 @@ bool read_refusal(const std::string& text, bool refuses) {
   return refuses;
 }
 
+std::vector<std::string> active_units() {
+  constexpr std::string_view kind = "invocation:";  // deleted when the unit is no longer active
+  std::vector<std::string> units;
+  for (const std::string& name : names_in("/run/systemd/units")) {
+    if (name.starts_with(kind)) {
+      units.push_back(name.substr(kind.size()));
+    }
+  }
+  return units;
+}
+
 bool refuses_to_stop(const std::string& unit) {
+  const std::vector<std::string> active = active_units();
+  if (std::find(active.begin(), active.end(), full_unit_name(unit)) == active.end()) {
+    return false;
+  }
   bool refuses = false;
   std::string text;
   if (const std::vector<std::string> files = unit_files(unit);

@@ -20,7 +20,10 @@ namespace valta::inspect {
 /// stopped by hand.
 [[nodiscard]] bool read_refusal(const std::string& text, bool refuses);
 
-/// Whether `unit`, by its files, refuses to be stopped by hand.
+/// The full names of the units that are active, in whatever control group.
+[[nodiscard]] std::vector<std::string> active_units();
+
+/// Whether `unit` is active and, by its files, refuses to be stopped by hand.
 [[nodiscard]] bool refuses_to_stop(const std::string& unit);
 
 }  // namespace valta::inspect
