@@ -22,7 +22,7 @@ const std::string kSaved = "/root/saved.tar";
 /// A host on which a stack is removed and put back.
 class Removes : public Inspect, public testing::WithParamInterface<Situation> {
  protected:
-  Removes() : Inspect("tar sha256sum cp head mount mv sleep") {
+  Removes() : Inspect("tar sha256sum cp head mount mv setsid sleep") {
     host.sh("cp /bin/real/sh /bin/sh");
   }
 
@@ -161,8 +161,9 @@ TEST_F(RemovesTheSample, WithoutTheTerminalThatItWasStartedFrom) {
       "sleep 0.1; done; exec /aside \"$@\"'");
   before = state();
   host.command(
-      "await() { i=0; while [ ! -s $1 ] && [ $((i += 1)) -lt 500 ]; do sleep 0.1; done; }; " +
-      kRemove + "--yes & await /run/started; kill -KILL $!; echo >/run/go; await " + kRuns +
+      "await() { i=0; while [ ! -s $1 ] && [ $((i += 1)) -lt 500 ]; do sleep 0.1; done; }; "
+      "setsid " +
+      kRemove + "--yes & await /run/started; kill -HUP -$!; echo >/run/go; await " + kRuns +
       "/*/after.json; rm /run/started /run/go");
   EXPECT_THAT(host.command(kRemove + "list").page, HasSubstr("kept, saved"));
   expect_undone(before);
@@ -183,6 +184,12 @@ TEST_F(RemovesTheSample, OnlyWhenItCanBeSaved) {
   EXPECT_EQ(host.command(kRemove).status, 2) << "there is no terminal to ask at";
   host.sh("mv /aside /usr/bin/tar");
   EXPECT_EQ(only_in(before, state()), Names());
+
+  host.sh(
+      "mv /usr/bin/sha256sum /aside; "
+      "tool /usr/bin/sha256sum '/aside \"$@\" && echo >>/etc/zephanor/-rf'");
+  EXPECT_THAT(host.command(kRemove + "--yes").page, HasSubstr("has changed since it was saved"));
+  EXPECT_TRUE(host.has("/etc/zephanor/-rf"));
 }
 
 TEST_F(RemovesTheSample, AndOverwritesNothingNewer) {
