@@ -9,6 +9,7 @@
 #include "inspection.h"
 #include "situations.h"
 #include "throwaway_host.h"
+#include "uninstall/install_root.h"
 
 using namespace valta;
 using testing::HasSubstr;
@@ -151,7 +152,7 @@ TEST_F(RemovesTheSample, AndPutsBackWhatAKilledRunRemoved) {
   before = state();
   EXPECT_EQ(host.command(kRemove + "--yes").status, 2);
   EXPECT_THAT(host.command(kRemove + "list").page, HasSubstr("unfinished, saved"));
-  EXPECT_FALSE(host.has("/usr/local/valta-4.1.0/bin/zvsmi"));
+  EXPECT_FALSE(host.has(std::string("/usr/local/valta-") + kStackVersion + "/bin/zvsmi"));
   expect_undone(before);
 }
 

@@ -12,8 +12,8 @@ make_source_packages() {
   "${archive[@]}" . ':!debian' | gzip -9n >"$work/$name-$version.tar.gz"
   "${archive[@]}" | tar -C "$work" -x
   cp "$work/$name-$version.tar.gz" "$work/${name}_$version.orig.tar.gz"
-  { cat packaging/rpm/$name.spec && printf '\n%%changelog\n' && cat packaging/rpm/changelog; } \
-    >"$work/$name.spec"
+  { sed "s/@VERSION@/$version/" packaging/rpm/$name.spec && printf '\n%%changelog\n' &&
+    cat packaging/rpm/changelog; } >"$work/$name.spec"
   touch --date="@$SOURCE_DATE_EPOCH" "$work"/*
   (cd "$work" && dpkg-source -b "$name-$version")
   # The package records the paths of its build.
