@@ -191,6 +191,10 @@ TEST_F(RemovesTheSample, OnlyWhenItCanBeSaved) {
       "tool /usr/bin/sha256sum '/aside \"$@\" && echo >>/etc/zephanor/-rf'");
   EXPECT_THAT(host.command(kRemove + "--yes").page, HasSubstr("has changed since it was saved"));
   EXPECT_TRUE(host.has("/etc/zephanor/-rf"));
+
+  host.command("/valta-driver-uninstaller");
+  EXPECT_THAT(host.command("/valta-driver-inspect before --save /root/idle.tar >/dev/null").page,
+              HasSubstr("nothing is saved: a run would remove nothing"));
 }
 
 TEST_F(RemovesTheSample, AndOverwritesNothingNewer) {

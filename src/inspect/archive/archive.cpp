@@ -182,8 +182,9 @@ Record save(const std::string& file, const Report& report) {
   }
   Record record = describe(report);
   const auto states = saved_states(record);
-  if (states.empty()) {
-    throw ArchiveError("a run would neither remove nor change anything");
+  if (states.empty() || (report.removed.empty() && report.unloaded.empty())) {
+    throw ArchiveError(report.outcome == Outcome::unknown ? "the run cannot be predicted"
+                                                          : "a run would remove nothing");
   }
   {
     const NewFile archive(file);
