@@ -123,6 +123,9 @@ def controller(tmp_path):
     ({"status": "0"}, "unknown", 0, "the run wrote no log"),
     ({"before.json": {}}, "unfinished", None, "cut off"),
     ({**DONE, "status": "none"}, "unknown", None, "cannot be read"),
+    ({**DONE, "steps": "save run", "saved": "nothing"}, "done", 0,
+     "^2 paths removed; not saved: the prediction did not end$"),
+    ({**DONE, "steps": "list undo"}, "unknown", None, "earlier undo: resume"),
 ])
 def test_outcome(controller, told, outcome, status, reason):
     controller.play({"h": told})
@@ -131,11 +134,39 @@ def test_outcome(controller, told, outcome, status, reason):
     assert re.search(reason, record["reason"])
 
 
+RUNS = "20261122-101010  failed, saved\n20261122-111111  done, saved\n"
+
+
+@pytest.mark.parametrize("left, outcome, changed, reason", [
+    ({"status": "0"}, "undone", True, "run 20261122-111111 done, saved"),
+    ({"status": "0", "runs": RUNS.replace("ed\n", "ed, undone\n")}, "undone", False, "undone$"),
+    ({"status": "1", "stdout": "Putting back /a:\n  depmod 6.1\nNot as it was before the run:\n"
+      "  /b is not as it was.\nPutting back /c:\n  depmod 6.1\n"}, "failed", True,
+     "^/b is not as it was.$"),
+    ({"status": "137", "stdout": "Putting back /a:\n", "stderr": "Killed"}, "failed", True,
+     "Killed"),
+    ({"status": "2", "stdout": "Nothing is put back, use --force:\n  /b is newer.\n  It runs.\n"},
+     "nothing-done", False, "^/b is newer.; It runs.$"),
+    ({"status": "2", "stderr": "valta-driver-remove: locked"}, "nothing-done", False, ": locked$"),
+    ({"status": "2", "runs": "20261122-101010  done\n"}, "nothing-done", False, "has saved"),
+    ({"status": "2", "runs": ""}, "clean", False, "no run to undo"),
+    ({"status": "2", "runs": "", "stderr": "not found"}, "unknown", False, "not found"),
+    ({}, "unfinished", False, "cut off"),
+    ({"steps": "save run", **DONE}, "unknown", False, "earlier run: resume"),
+])
+def test_result_of_an_undo(controller, left, outcome, changed, reason):
+    controller.play({"h": {"steps": "list undo", "runs": RUNS, **left}}, options=["--undo"])
+    record = controller.report().hosts["h"]
+    assert (record["outcome"], record["changed"]) == (outcome, changed)
+    assert re.search(reason, record["reason"])
+    assert not (controller.logs / "latest").exists()
+
+
 FINDING = {"severity": "blocks", "text": "The log is a link.", "where": "/a", "do": "rm /a"}
 
 
 @pytest.mark.parametrize("left, outcome, changed, words", [
-    (results(), "done", True, "Nothing is in the way of a run. Nothing was run."),
+    (results(), "done", True, "Nothing is in the way of a run. Nothing was done."),
     (results(findings=[FINDING]), "blocked", True, "1 not ready for a run"),
     (results("clean", removed=[]), "clean", False, "Nothing is in the way"),
     (results("busy", removed=[], unloaded=["zvrfs"]), "busy", True, "1 not ready"),

@@ -18,6 +18,7 @@ import pytest
 TOP = Path(__file__).parents[3]
 ANSIBLE = TOP / "contrib/ansible"
 BUILD = TOP / "build/release"
+UNDO = ANSIBLE / "undo.yml"
 PROGRAMS = ("valta-driver-uninstaller", "valta-driver-inspect")
 VERSION = subprocess.check_output(TOP / "scripts/version", text=True).strip()
 OWN = f"usr/local/valta-{VERSION}/bin"
@@ -29,6 +30,7 @@ ALL = {"*"}
 REST = {path for path in (TOP / "tests/host/sample.left").read_text().split()
         if not path.endswith(("site.conf", ".log"))} | {"/usr/local/"}
 PLACE = "root/valta-uninstall"
+RECORDS = "/var/lib/valta-driver-remove"
 ASIDE = {f"/{PLACE}/{program}" for program in PROGRAMS}
 # The copies of the programs that foretell what becomes of modules on a kernel that has none.
 MODULES = {"valta_uninstall_program": f"{BUILD}/faulty-uninstaller",
@@ -54,6 +56,9 @@ def wrap(tool, lines):
 exec /bin/real/{Path(tool).name} "$@"' >{tool}\n"""
 
 
+# A tar that cannot keep extended attributes.
+BARE_TAR = "mv usr/bin/tar bin/real\n" + wrap(
+    "usr/bin/tar", '[ "$1" != --help ] || exit 0') + "chmod +x usr/bin/tar\n"
 HOLD = "sed -i 's/^zephanor 8126464 2/zephanor 8126464 3/' proc/modules\n"
 HOSTS = {  # the first one is a batch of its own
     "away": Host(("unreachable", None), left=ALL, reason="127.0.0.1", variables={
@@ -84,7 +89,7 @@ case $1-$(echo /held*) in
   zvr_peer_mem_drv-*)
     free=$(sed "s/^\\(zephanor [0-9]*\\) ./\\1 0/" /proc/modules)
     echo "$free" >/proc/modules ;;
-esac"""), check="busy", variables=MODULES),
+esac"""), check="busy", variables=MODULES, reason="not saved: 13 paths, not predicted"),
     "found": Host(("done", 0), cuts=3),
     "lost": Host(("lost", None), check="done", then="done", cuts=10**6, reason="cut .*7.7",
                  variables={"valta_uninstall_timeout": 6}),
@@ -96,6 +101,14 @@ esac"""), check="busy", variables=MODULES),
 mv {OWN}/valta-driver-* {PLACE}
 echo 1 earlier >{PLACE}/run/pid""", own=True, left=ALL, check="done", then="done",
                     reason="found from an earlier play: .* cut off"),
+    "tarless": Host(("done", 0), BARE_TAR, left=REST | {"/bin/real/tar"},
+                    reason="not saved: this host has no tar"),
+    "strict": Host(("nothing-done", None), BARE_TAR, check="done", left=ALL | ASIDE,
+                   reason="not run; not saved: this host has no tar",
+                   variables={"valta_uninstall_save": "required"}),
+    "narrow": Host(("done", 0), f"""mkdir .{RECORDS}
+echo mount -t tmpfs -o size=64k none .{RECORDS} >plain/mounts""",
+                   left=REST | {"/plain/mounts"}, reason="not saved: .* No space left"),
     "torn": Host(("unknown", None), f"mkdir -p {PLACE}/run; cd {PLACE}; >run/pid >evidence.tar",
                  left=ALL, check="done", then="done", reason="cannot be read"),
 }
@@ -119,6 +132,7 @@ class Fleet:
         for name in names:
             self.lay_out(name, HOSTS[name])
         self.before = {name: self.left(name) for name in names}
+        self.states = {name: self.state(name) for name in names}
         (directory / "inventory.json").write_text(json.dumps({"valta_hosts": {"hosts": {
             name: {"ansible_connection": "host", "ansible_host": f"{self.hosts}/{name}",
                    "ansible_become": False, "ansible_python_interpreter": "/usr/bin/python3",
@@ -137,7 +151,8 @@ class Fleet:
             "test", "idlelib", "dist-packages", "site-packages", "config-*"))
         (python / "usr/bin").mkdir()
         files = [shutil.copy(sys.executable, python / "usr/bin/python3"), BUILD / PROGRAMS[1]]
-        for tool in "cat chmod cp dd echo env mv setsid sleep stat tar uname".split():
+        tools = "cat chmod cp date dd echo env mv setsid sha256sum sleep stat tar uname"
+        for tool in tools.split():
             files.append(shutil.copy(shutil.which(tool), python / "usr/bin"))
         found = subprocess.run(["ldd", *files, *Path(stdlib).glob("lib-dynload/*.so")],
                                stdout=subprocess.PIPE, text=True).stdout
@@ -161,7 +176,19 @@ class Fleet:
     def left(self, name):
         listed = call(TOP / "tests/host/list-files", self.hosts / name).split("\n")
         # Ansible's own files go some time after a task that ran on its own.
-        return {path for path in listed if not path.startswith("/tmp/ansible-tmp-")} - {"", LOG}
+        return {path for path in listed
+                if not path.startswith(("/tmp/ansible-tmp-", RECORDS))} - {"", LOG}
+
+    def state(self, name):
+        """All that an undo puts back, the units that are active and the modules."""
+        root = self.hosts / name
+        listed = call("find", root, "-type", "d", "-printf", "/%P/ %m %U:%G\n", "-o", "-printf",
+                      "/%P %y %m %U:%G %s %T@ %l\n").splitlines()
+        modules = (root / "proc/modules").read_text().splitlines()
+        return {line for line in listed if not line.startswith(
+            ("/tmp/", "/proc/", "/root/", "/dev/", "/run/", "/mended", RECORDS, LOG))} | {
+                line.split()[0] for line in modules} | {
+                    file.name for file in (root / "run/systemd/units").iterdir()}
 
     def expand(self, name, patterns):
         return {path for pattern in patterns
@@ -180,7 +207,8 @@ class Fleet:
                  "ANSIBLE_ROLES_PATH": str(ANSIBLE / "roles"),
                  "ANSIBLE_CONNECTION_PLUGINS": str(ANSIBLE / "tests/connection")})
         print(done.stdout)
-        latest = (self.logs / ("latest-check" if "--check" in options else "latest")).resolve()
+        latest = (self.logs / ("latest" + "-undo" * (playbook == UNDO)
+                               + "-check" * ("--check" in options))).resolve()
         summary = latest / "summary.json"
         recap = re.findall(r"^(\S+) +: ok=.* changed=(\d+) .* failed=(\d+) ", done.stdout, re.M)
         return SimpleNamespace(
@@ -275,6 +303,7 @@ def test_host(fleet, checked, ran, resumed, name):
     assert checked.hosts[name]["outcome"] == (host.check or host.run[0])
     assert (record["outcome"], record["status"]) == host.run
     assert re.search(host.reason, record["reason"])
+    assert ("not saved" in record["reason"]) == ("not saved" in host.reason)
     # A run that is not over, or of an earlier play, has a place of its own.
     own = ("/root/", "/tmp/") if host.run[0] in ("lost", "unfinished", "unknown") else ()
     left, expected = ran.left[name], fleet.expand(name, host.left)
@@ -414,7 +443,7 @@ def test_resume_comes_past_a_host_that_cannot_be_mended(fleet, name, playbook):
     play = fleet.play("--limit", f"@{play.evidence}/again", **limits)
     assert (play.status, play.stopped, play.hosts["clean"]["outcome"]) == (2, None, "clean")
     if playbook == "uninstall":
-        came = re.findall(r"^ok: \[(\w+)\]", play.stdout.split("PLAY [Uninstall")[1], re.M)
+        came = re.findall(r"^ok: \[(\w+)\]", play.stdout.split("PLAY [Go through")[1], re.M)
         assert (came[0], play.failed) == ("clean", {"empty"})
 
 
@@ -510,10 +539,43 @@ exit ${status:-0}\n"""}.items():
             assert (here / "results" / host / "log").stat().st_size > 0
 
 
+@pytest.mark.parametrize("name", ["done own halted kept clean tarless freed"])
+def test_undo_puts_back_what_a_run_removed(fleet, resumed, name):
+    fleet.logs = fleet.directory / "logs/undo"
+    undo = {"playbook": UNDO, "valta_uninstall_program": f"{BUILD}/{PROGRAMS[0]}"}
+    newer = fleet.hosts / "kept/etc/zephanor/settings"
+    newer.parent.mkdir()
+    newer.write_text("newer")
+    limit = ["--limit", name.replace(" ", ",")]
+
+    before = {host: fleet.state(host) for host in fleet.names}
+    play = fleet.play("--check", *limit, **undo)
+    assert not {host for host in fleet.names if fleet.state(host) != before[host]}
+    assert [play.hosts[host]["outcome"] for host in name.split()] == [
+        "undone", "undone", "undone", "undone", "clean", "nothing-done", "nothing-done"]
+
+    play = fleet.play("--limit", "done", **undo)
+    assert (play.status, play.changed, play.hosts["done"]["outcome"]) == (0, {"done"}, "undone")
+    assert fleet.state("done") ^ fleet.states["done"] == set()
+    assert {host for host in fleet.names if fleet.state(host) != before[host]} == {"done"}
+
+    play = fleet.play(*limit, **undo)
+    assert (play.status, play.changed, play.failed) == (
+        2, {"own", "halted"}, {"halted", "kept", "tarless", "freed"})
+    assert fleet.state("own") ^ fleet.states["own"] == set()
+    assert fleet.state("halted") ^ fleet.states["halted"] == set()
+    assert play.hosts["clean"]["outcome"] == "clean"
+    # It did not work when it was asked before the run.
+    assert play.hosts["halted"]["reason"].startswith('dkms status shows "valta/')
+    assert play.hosts["kept"]["reason"] == "/etc/zephanor/settings is newer than the run."
+    assert play.hosts["tarless"]["reason"] == "no run has saved anything"
+    assert fleet.state("kept") ^ before["kept"] == set()
+
+
 def test_galaxy_takes_the_collection_and_the_role(tmp_path):
     call("sh", "-ec", f"""ansible-galaxy collection build {ANSIBLE}
 ansible-galaxy collection install --offline valta-driver-*.tar.gz
-ansible-playbook --syntax-check -i localhost, valta.driver.uninstall
+ansible-playbook --syntax-check -i localhost, valta.driver.uninstall valta.driver.undo
 tar -C {ANSIBLE}/roles -czf role.tar.gz valta_uninstall
 ansible-galaxy role install -p roles role.tar.gz
 test -e roles/*/tasks/main.yml""", cwd=tmp_path, env={**os.environ, "HOME": str(tmp_path)})

@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
 """Keeps the results of a play on the controller, and sums them up.
 
-    evidence.py order LOGS                             <{"all": [HOST...]}
-    evidence.py open LOGS [--play DIRECTORY] [--check] [--limited] [--owner PID]
+    evidence.py order LOGS [--undo]                    <{"all": [HOST...]}
+    evidence.py open LOGS [--play DIRECTORY] [--undo] [--check] [--limited] [--owner PID]
                        <{"all": [HOST...], "batch": [HOST...], "inventory": [HOST...],
                         "paths": [PATH...], "last"}
     evidence.py judge DIRECTORY [--diff] [--max-failed LIMITS --max-failed-total LIMIT]
                                                        <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT]
                                                        <{HOST: why the steps after it failed}
-    evidence.py report LOGS [--play DIRECTORY] [--check] [--owner PID]
+    evidence.py report LOGS [--play DIRECTORY] [--undo] [--check] [--owner PID]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
 directory holds "journal", to which every call appends what is new, "again" with the hosts that are
@@ -27,11 +27,11 @@ import tarfile
 import time
 
 FILES = ("before.json", "before.err", "after.json", "after.err", "stdout", "stderr", "log",
-         "status")
+         "status", "steps", "saved", "runs")
 # More than that of one host would only fill the controller's disk.
 MOST_BYTES = 64 << 20
 MOST_REASONS = 40  # on the screen
-GOOD = ("done", "shared", "kept", "clean")
+GOOD = ("done", "undone", "shared", "kept", "clean")
 # What the inspector says, and what only the controller can know.
 OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "blocked",
             "unreachable", "not-started") + GOOD
@@ -45,6 +45,8 @@ ADVICE = {
 }
 RECORD = {"outcome": "unknown", "status": None, "reason": "", "blocks": [], "keeps": [],
           "stays": [], "changed": False, "tries": 0, "evidence": None, "version": None,
+          # The directory on the host with what the run removed.
+          "saved": None,
           # Whether only an earlier play has had to do with the host.
           "carried": False,
           # What the last play said that came to the host.
@@ -112,6 +114,21 @@ def findings(found, severity):
     return [item for item in objects(found, "findings") if item.get("severity") == severity]
 
 
+def not_saved(files, rehearsal, found):
+    """In words what a run that had to save did not save of what it removed."""
+    if "save" not in files["steps"].split():
+        return ""
+    listed = [item for item in objects(rehearsal, "removed") if item.get("listed")]
+    more = len(objects(found, "removed")) - len(listed)
+    errors = files["before.err"].splitlines() if files["saved"] else []
+    words = ", ".join(line.partition("saved: ")[2] for line in errors)
+    if not words and files["saved"].startswith("nothing"):
+        words = "the prediction did not end"
+    elif not words and more > 0:
+        words = "%s, not predicted" % counted(more, "path")
+    return "; not saved: " + plain(words) if words else ""
+
+
 def not_started(former):
     """A host whose batch is to come, with what an earlier play said of it."""
     reason = "its batch did not start"
@@ -148,7 +165,8 @@ class Play:
 
     def __init__(self, directory):
         self.directory = directory
-        self.state, self.hosts = {"check": False, "batches": [], "stopped": None}, {}
+        self.state, self.hosts = {
+            "check": False, "undo": False, "batches": [], "stopped": None}, {}
         for line in read(directory, "journal").split("\n"):
             line = parse_object(line)  # one that a full disk cut short says nothing
             self.state.update(line.get("state", {}))
@@ -185,7 +203,12 @@ class Play:
             return {**RECORD, "outcome": outcome, "reason": reason_of(told["reason"]),
                     "tries": tries, "out": former["out"] or outcome in ("lost", "unfinished")}
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
-        record = {**self.judge_results(self.unpack(name, place)), "evidence": place}
+        files = self.unpack(name, place)
+        if {"list", "undo"}.isdisjoint(files["steps"].split()) == self.state["undo"]:
+            raise ValueError("they are of an earlier %s: resume" % (
+                "run" if self.state["undo"] else "undo"))
+        record = {**(self.judge_undo if self.state["undo"] else self.judge_results)(files),
+                  "evidence": place}
         if told.get("found") and tries == 1:
             record["reason"] = "found from an earlier play: " + record["reason"]
         return {**record, "tries": tries, "changed": record["changed"] or former["changed"]}
@@ -208,8 +231,9 @@ class Play:
         return {
             **RECORD,
             "outcome": outcome if outcome in OUTCOMES else "unknown",
-            "reason": reason or counted(len(objects(found, "removed")), "path") + (
-                " to remove" if self.state["check"] else " removed"),
+            "reason": (reason or counted(len(objects(found, "removed")), "path") + (
+                " to remove" if self.state["check"] else " removed")) + (
+                    not_saved(files, rehearsal, found)),
             "status": None if status is None else int(status),
             "blocks": [sentence(item) for item in blocks],
             "keeps": [sentence(item) for item in findings(found, "keeps")
@@ -220,12 +244,38 @@ class Play:
             "changed": bool(ended or self.state["check"]) and outcome != "nothing-done" and any(
                 source.get(key) for source in (found, rehearsal)
                 for key in ("removed", "unloaded")),
-            "version": plain(found.get("version")) or None}
+            "version": plain(found.get("version")) or None,
+            "saved": plain(files["saved"]) if files["saved"].startswith("/") else None}
+
+    def judge_undo(self, files):
+        check, runs, status = self.state["check"], files["runs"].splitlines(), files["status"].strip()
+        saved = [" ".join(line.split()) for line in runs
+                 if ", saved" in line and "  not run" not in line]
+        # The lists of what is not put back, and why.
+        words = "".join(re.findall(r"^Not.*:\n((?:  .*\n)+)", files["stdout"], re.M)).splitlines()
+        words = "; ".join(map(str.strip, words or files["stderr"].splitlines()[-1:]))
+        if not status and not check:
+            outcome, reason = self.explain(files)
+        elif files["stderr"] and not runs:
+            outcome, reason = "unknown", words
+        elif not saved and (check or status == "2"):
+            outcome, reason = ("nothing-done", "no run has saved anything") if runs else (
+                "clean", "there is no run to undo")
+        elif check or status == "0":
+            outcome, reason = "undone", "run " + saved[-1]
+        else:
+            outcome = "failed" if "Putting back" in files["stdout"] else "nothing-done"
+            reason = words
+        return {**RECORD, "outcome": outcome, "reason": plain(reason),
+                "status": int(status) if status and saved else None,
+                "changed": outcome in ("undone", "failed") and ", undone" not in saved[-1]}
 
     def explain(self, files):
         """Why there is no judgement."""
+        if files["saved"].startswith("refused"):
+            return "nothing-done", "not run"
         if not files["status"] and not self.state["check"]:
-            return "unfinished", "the run was cut off: the host was restarted, or the run killed"
+            return "unfinished", "it was cut off: the host was restarted, or the process killed"
         if files["status"] and not files["log"]:
             return "unknown", "the run wrote no log"
         errors = files["before.err" if self.state["check"] else "after.err"].splitlines()
@@ -284,7 +334,7 @@ class Play:
         outcomes = [record["outcome"] for record in self.hosts.values()]
         return "%s%s: %s" % (
             counted(len(outcomes), "host"),
-            " in check mode, where nothing was run" if self.state["check"] else "",
+            " in check mode, where nothing was done" if self.state["check"] else "",
             ", ".join("%d %s" % (outcomes.count(o), o) for o in OUTCOMES[::-1] if o in outcomes))
 
     def resume(self):
@@ -292,7 +342,8 @@ class Play:
         if self.state["check"]:
             return "%d not ready for a run; once the reasons are fixed, check with: --limit @%s" % (
                 count, os.path.join(self.directory, "again")) if count else (
-                    "Nothing is in the way of a run. Nothing was run.")
+                    "Nothing was done." if self.state["undo"] else
+                    "Nothing is in the way of a run. Nothing was done.")
         return "%d not done; once the reasons are fixed, add to the command: --limit @%s" % (
             count, os.path.join(self.directory, "again")) if count else "All are done."
 
@@ -369,10 +420,18 @@ class Play:
         return steps or filter(None, [ADVICE.get(record["outcome"])])
 
 
+def latest_of(options):
+    return os.path.join(options.path, "latest" + suffix_of(options))
+
+
+def suffix_of(options):
+    return ("-undo" if options.undo else "") + ("-check" if options.check else "")
+
+
 def new_play(options, told):
-    latest = os.path.join(options.path, "latest-check" if options.check else "latest")
+    latest = latest_of(options)
     earlier = Play(latest).hosts
-    name = time.strftime("%Y-%m-%dT%H-%M-%S") + ("-check" if options.check else "")
+    name = time.strftime("%Y-%m-%dT%H-%M-%S") + suffix_of(options)
     for suffix in range(1, 100):
         try:
             again = "-%d" % suffix if suffix > 1 else ""
@@ -386,7 +445,7 @@ def new_play(options, told):
     # Of the hosts that a limited play does not come to.
     hosts = {name: record for name, record in hosts.items()
              if options.limited and name in set(told["inventory"])}
-    play.add(hosts, check=options.check, start=now(),
+    play.add(hosts, check=options.check, undo=options.undo, start=now(),
              earlier=os.path.realpath(latest))
     if os.path.lexists(latest + ".new"):
         os.remove(latest + ".new")
@@ -397,7 +456,7 @@ def new_play(options, told):
 
 def order(options, told):
     """Prints the hosts that have not failed before, if others have: they come first."""
-    hosts = Play(os.path.join(options.path, "latest")).hosts
+    hosts = Play(latest_of(options)).hosts
     known = {name for name in told["all"] if last_seen(hosts.get(name)) in FAILED}
     print(json.dumps({"first": [name for name in told["all"] if known and name not in known]}))
 
@@ -557,8 +616,7 @@ def settle_after(options, told):
 
 
 def report(options):
-    play = Play(options.play or os.path.realpath(
-        os.path.join(options.path, "latest-check" if options.check else "latest")))
+    play = Play(options.play or os.path.realpath(latest_of(options)))
     if not play.hosts:
         sys.exit("there is no summary in " + play.directory)
     play.sum_up()
@@ -582,6 +640,7 @@ def main():
     parser.add_argument("--play")
     parser.add_argument("--owner", type=int)
     parser.add_argument("--check", action="store_true")
+    parser.add_argument("--undo", action="store_true")
     parser.add_argument("--limited", action="store_true")
     parser.add_argument("--diff", action="store_true")
     parser.add_argument("--max-failed", type=limits_of)

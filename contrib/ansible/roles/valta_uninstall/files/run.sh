@@ -1,9 +1,15 @@
 #!/bin/sh
-# Rehearses, runs and judges on the host: run.sh PLACE LOG PATH SECONDS STEP...
+# Predicts, saves, runs, checks and undoes on the host: run.sh PLACE LOG PATH SECONDS STEP...
 #
-# The steps are "rehearse", which may take SECONDS, and "run". PLACE/evidence.tar appears at the
-# very end. The programs get PATH and nothing of the environment of the caller, which comes first in
-# their search path.
+# The steps are:
+#   rehearse  predict the run, in at most SECONDS
+#   save      the same, and save what the run would remove for `valta-driver-remove undo`
+#   required  end here if something could not be saved
+#   run       run and check
+#   list      list the runs that valta-driver-remove knows
+#   undo      undo the last one that saved something, and the failed ones that it completed
+# PLACE/evidence.tar appears at the very end. The programs get PATH and nothing of the environment of
+# the caller, which comes first in their search path.
 set -u
 umask 077
 place=$1
@@ -15,15 +21,38 @@ cd "$place/run" || exit
 boot=$(cat /proc/sys/kernel/random/boot_id 2>/dev/null)
 # Another play may have started a run here meanwhile: its file must not be overwritten.
 (set -C && echo "$$ $boot" >pid) || exit
+echo "$*" >steps
+# With the names that valta-driver-remove gives to the directory of a run and to its files.
+record=/var/lib/valta-driver-remove/$(date +%Y%m%d-%H%M%S)
 
 run() { env -i PATH="$path" HOME=/root LC_ALL=C "$@"; }
 identify() { stat -c '%i %s %y %z' "$log" 2>/dev/null; }
+predict() {
+  run ../valta-driver-inspect before --json --timeout "$seconds" "$@" >before.json 2>before.err
+}
+check() {
+  run ../valta-driver-inspect after --status "$status" --console stderr "$@"
+}
 
 for step; do
   case $step in
-    rehearse) run ../valta-driver-inspect before --json --timeout "$seconds" \
-      >before.json 2>before.err ;;
+    rehearse) predict ;;
+    save)
+      mkdir -p "${record%/*}"
+      mkdir "$record" || record=$record-none
+      predict --save "$record/saved.tar"
+      case $(cat before.err) in
+        *"a run would remove nothing"*) ;;
+        *) if [ -e "$record/saved.tar" ]; then echo "$record"; else echo nothing; fi >saved ;;
+      esac ;;
+    required)
+      if [ -e saved ] && { [ ! -e "$record/saved.tar" ] || [ -s before.err ]; }; then
+        rm -rf "$record"
+        echo refused >saved
+        break
+      fi ;;
     run)
+      [ ! -d "$record" ] || : >"$record/output"
       earlier=$(identify)
       (umask 022 && run ../valta-driver-uninstaller >stdout 2>stderr </dev/null)
       status=$?
@@ -34,9 +63,30 @@ for step; do
         # It would be judged by an earlier run's log, unless the status tells that it did nothing.
         case $status in 1 | 7 | 126 | 127 | 255) ;; *) continue ;; esac
       fi
-      run ../valta-driver-inspect after --json --status "$status" --console stderr \
-        >after.json 2>after.err
-      echo $? >judged ;;
+      check --json >after.json 2>after.err
+      echo $? >judged
+      [ ! -d "$record" ] || check >"$record/after.txt" 2>/dev/null ;;
+    list) run ../valta-driver-remove list >runs 2>stderr ;;
+    undo)
+      chosen='' earlier=''
+      while read -r name words; do
+        case $words in "not run"*) continue ;; *saved*) ;; *) continue ;; esac
+        case $earlier in done* | clean* | kept* | shared* | *undone) chosen='' ;; esac
+        chosen="$name $chosen" earlier=$words
+      done <runs
+      status=${chosen:+0}
+      for name in $chosen; do
+        run ../valta-driver-remove undo "$name" >>stdout 2>>stderr </dev/null || status=$?
+        [ "$status" -le 1 ] || break
+      done
+      echo "${status:-2}" >status
+      cp status judged ;;
   esac
 done
+if [ -d "$record" ]; then
+  cp before.json after.json log "$record" 2>/dev/null
+  cp stdout "$record/output" && cp stderr "$record/console"
+  # A run that removed nothing is none to undo.
+  case $(cat after.json)-$(cat saved 2>/dev/null) in *'"removed": []'*-) rm -rf "$record" ;; esac
+fi
 tar -cf ../evidence.new -- * && mv ../evidence.new ../evidence.tar
