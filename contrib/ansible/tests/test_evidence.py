@@ -53,8 +53,8 @@ class Controller:
         self.logs, self.options, self.directory = logs, [], None
         self.inventory, self.paths = list("abcdefgh"), []
 
-    def call(self, *arguments, told=None):
-        output, sys.stdin = io.StringIO(), io.StringIO(json.dumps(told))
+    def call(self, *arguments, given=None):
+        output, sys.stdin = io.StringIO(), io.StringIO(json.dumps(given))
         sys.argv = ["evidence.py", *map(str, arguments)]
         with contextlib.redirect_stdout(output):
             evidence.main()
@@ -65,24 +65,24 @@ class Controller:
 
     def open(self, everyone, batch):
         play = ["--play", self.directory] if self.directory else []
-        told = {"all": everyone, "batch": batch, "last": False, "inventory": self.inventory,
-                "paths": self.paths}
-        opened = self.call("open", self.logs, *self.options, *play, told=told)
+        given = {"all": everyone, "batch": batch, "last": False, "inventory": self.inventory,
+                 "paths": self.paths}
+        opened = self.call("open", self.logs, *self.options, *play, given=given)
         self.directory = Path(opened["play"])
         return opened
 
-    def judge(self, hosts, limits="", total="100%", after=()):
-        """The results of `hosts` by name: what was fetched, or what Ansible told."""
+    def collect(self, hosts, limits="", total="100%", after=()):
+        """The results of `hosts` by name: what was fetched, or what Ansible reported."""
         (self.directory / "fetched").mkdir(exist_ok=True)
         for name, files in hosts.items():
             if "outcome" not in files:
                 pack(self.directory / "fetched" / name, files)
-        told = {n: files if "outcome" in files else {} for n, files in hosts.items()}
+        given = {n: files if "outcome" in files else {} for n, files in hosts.items()}
         limit = ["--max-failed", limits, "--max-failed-total", total] if limits else []
-        judged = self.call("judge", self.directory, *limit, told=told)
+        collected = self.call("collect", self.directory, *limit, given=given)
         if after:
-            judged.update(self.call("settle", self.directory, *limit, told=after))
-        return SimpleNamespace(**judged)
+            collected.update(self.call("settle", self.directory, *limit, given=after))
+        return SimpleNamespace(**collected)
 
     def play(self, *batches, limits="100%", total="100%", everyone=None, options=()):
         """Plays these batches of hosts until the failure limit; returns how many were started."""
@@ -90,13 +90,13 @@ class Controller:
         self.start(*options)
         for count, batch in enumerate(batches, 1):
             self.open(everyone, list(batch))
-            if self.judge(batch, limits, total).stop:
+            if self.collect(batch, limits, total).stop:
                 break
         return count
 
     def report(self):
-        told = self.call("report", self.logs, *self.options, "--play", self.directory)
-        return SimpleNamespace(**told, text="\n".join(told["lines"]), all=(
+        report = self.call("report", self.logs, *self.options, "--play", self.directory)
+        return SimpleNamespace(**report, text="\n".join(report["lines"]), all=(
             self.directory / "summary.txt").read_text(), again=(
             self.directory / "again").read_text().split(), **json.loads(
                 (self.directory / "summary.json").read_text()))
@@ -107,7 +107,7 @@ def controller(tmp_path):
     return Controller(tmp_path)
 
 
-@pytest.mark.parametrize("told, outcome, status, reason", [
+@pytest.mark.parametrize("given, outcome, status, reason", [
     (DONE, "done", 0, "2 paths removed"),
     (results(removed=[{"path": "/a"}]), "done", 0, "1 path removed"),
     ({"outcome": "unreachable", "reason": "Failed to connect to the host via ssh: Warning: "
@@ -127,8 +127,8 @@ def controller(tmp_path):
      "^2 paths removed; not saved: the prediction did not end$"),
     ({**DONE, "steps": "list undo"}, "unknown", None, "earlier undo: resume"),
 ])
-def test_outcome(controller, told, outcome, status, reason):
-    controller.play({"h": told})
+def test_outcome(controller, given, outcome, status, reason):
+    controller.play({"h": given})
     record = controller.report().hosts["h"]
     assert (record["outcome"], record["status"]) == (outcome, status)
     assert re.search(reason, record["reason"])
@@ -235,7 +235,7 @@ def test_resumed_play_comes_past_who_failed_before(controller):
     """The one that failed stops neither this play nor, after a play that came to nobody, a later
     one; who fails for the first time still does, and then the limit is that of the first batch."""
     assert controller.play({"a": DONE}, {"b": FAILED}, {"c": DONE}, {"d": DONE}, limits="0") == 2
-    assert controller.call("order", controller.logs, told={"all": ["a", "b", "c", "e"]}) == {
+    assert controller.call("order", controller.logs, given={"all": ["a", "b", "c", "e"]}) == {
         "first": ["a", "c", "e"]}
     controller.play({"b": AWAY, "c": AWAY, "d": AWAY}, options=["--limited"])
     assert controller.play({"b": FAILED}, {"c": FAILED}, {"d": DONE}, limits="0, 9",
@@ -244,7 +244,7 @@ def test_resumed_play_comes_past_who_failed_before(controller):
                            limits="0, 50%", total="30%", options=["--limited"]) == 2
     assert "1 of 3 hosts in all failed" in controller.report().text
     controller.play({"b": DONE, "c": DONE, "a": DONE})
-    assert controller.call("order", controller.logs, told={"all": ["a", "b"]}) == {"first": []}
+    assert controller.call("order", controller.logs, given={"all": ["a", "b"]}) == {"first": []}
 
 
 def test_directory_is_locked_while_another_play_uses_it(controller):
@@ -273,18 +273,18 @@ def test_directory_is_locked_while_another_play_uses_it(controller):
 def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
     controller.start()
     controller.open(["a"], ["a"])
-    assert controller.judge({"a": LOST}).again == ["a"]
-    assert controller.judge({"a": AWAY}).again == ["a"]
-    assert controller.judge({"a": BROKEN}).again == ["a"]
-    assert "the run may be going on" in controller.report().text
+    assert controller.collect({"a": LOST}).again == ["a"]
+    assert controller.collect({"a": AWAY}).again == ["a"]
+    assert controller.collect({"a": BROKEN}).again == ["a"]
+    assert "the run may still be active" in controller.report().text
     controller.start()
     controller.open(["a"], ["a"])
-    assert controller.judge({"a": AWAY}).hosts["a"]["outcome"] == "lost"
+    assert controller.collect({"a": AWAY}).hosts["a"]["outcome"] == "lost"
     controller.start()
     controller.open(["a"], ["a"])
     (controller.directory / "fetched").mkdir()
     pack(controller.directory / "fetched/a", DONE)
-    controller.call("judge", controller.directory, told={"a": {"found": True}})
+    controller.call("collect", controller.directory, given={"a": {"found": True}})
     assert controller.report().hosts["a"]["reason"] == (
         "found from an earlier play: 2 paths removed")
 
@@ -292,7 +292,7 @@ def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
 @pytest.mark.parametrize("limit", ["10 %%", "few", "-1"])
 def test_limit_that_makes_no_sense_is_refused_in_a_line(controller, limit):
     with pytest.raises(SystemExit, match="^argument --max-failed: [^\n]*$"):
-        controller.call("judge", controller.logs, "--max-failed=" + limit, told={})
+        controller.call("collect", controller.logs, "--max-failed=" + limit, given={})
 
 
 def test_failure_limit_holds_for_later_plays_of_the_call(controller):
@@ -329,7 +329,7 @@ def test_host_whose_own_steps_fail_is_not_done(controller):
     controller.start()
     controller.open(["a", "b"], ["a", "b"])
     after = {"a": "scontrol: no slurmctld", "b": "no slurmctld"}
-    assert controller.judge({"a": DONE, "b": BUSY}, "0", after=after).stop
+    assert controller.collect({"a": DONE, "b": BUSY}, "0", after=after).stop
     hosts = controller.report().hosts
     assert (hosts["a"]["outcome"], hosts["b"]["outcome"]) == ("failed", "busy")
     assert hosts["a"]["reason"] == "done; the steps after it failed: scontrol: no slurmctld"
@@ -394,8 +394,8 @@ def test_host_cannot_fill_the_disk(controller, monkeypatch, refused):
             header[148:156] = b"        "
             header[148:156] = b"%06o\0 " % sum(header)
             tar.fileobj.write(header)
-    verdict = controller.call("judge", controller.directory, told={"a": {}})
-    assert verdict["hosts"]["a"]["outcome"] == "unknown"
+    collected = controller.call("collect", controller.directory, given={"a": {}})
+    assert collected["hosts"]["a"]["outcome"] == "unknown"
     assert refused[:5] in controller.report().hosts["a"]["reason"] or refused == "large"
     assert sum(f.stat().st_size for f in controller.directory.rglob("log")) == 0
     assert refused == "sparse" or not archive.exists()
@@ -405,12 +405,12 @@ def test_batch_appends(controller):
     """What a play has written is not written again, and what a full disk cut short is skipped."""
     controller.start()
     controller.open(["a", "b"], ["a"])
-    controller.judge({"a": DONE})
+    controller.collect({"a": DONE})
     journal = controller.directory / "journal"
     before = journal.read_bytes() + b'{"hosts": {"a'
     journal.write_bytes(before)
     controller.open(["a", "b"], ["b"])
-    controller.judge({"b": DONE})
+    controller.collect({"b": DONE})
     assert journal.read_bytes().startswith(before)
     assert not (controller.directory / "summary.json").exists()
     play = controller.report()
@@ -427,7 +427,7 @@ def test_only_the_known_files_of_a_host_are_kept(controller):
         link = tarfile.TarInfo("stderr")
         link.type, link.linkname = tarfile.SYMTYPE, "/etc/passwd"
         tar.addfile(link)
-    controller.call("judge", controller.directory, told={"a": {}})
+    controller.call("collect", controller.directory, given={"a": {}})
     assert controller.report().hosts["a"]["outcome"] == "done"
     assert {file.name for file in (controller.directory / "a").iterdir()} == set(DONE)
 
@@ -435,5 +435,5 @@ def test_only_the_known_files_of_a_host_are_kept(controller):
 def test_host_that_its_first_try_changed_is_changed(controller):
     controller.start()
     controller.open(["a"], ["a"])
-    controller.judge({"a": results("busy", removed=[], unloaded=["zvrfs"])})
-    assert controller.judge({"a": results("clean", removed=[])}).hosts["a"]["changed"]
+    controller.collect({"a": results("busy", removed=[], unloaded=["zvrfs"])})
+    assert controller.collect({"a": results("clean", removed=[])}).hosts["a"]["changed"]

@@ -6,7 +6,7 @@
 place=$1
 # A run that could not pack its evidence, on a full disk for one, is left to the next play.
 [ ! -e "$place/run/pid" ] || [ -e "$place/evidence.tar" ] || exit 0
-case $2/$(cat "$place/run/judged" 2>/dev/null) in
+case $2/$(cat "$place/run/checked" 2>/dev/null) in
   check/* | */[01]) set -- "$place" ;;
   *) set -- "$place/run" "$place/jobs" "$place/evidence.tar" ;;
 esac

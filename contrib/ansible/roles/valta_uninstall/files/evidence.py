@@ -5,7 +5,7 @@
     evidence.py open LOGS [--play DIRECTORY] [--undo] [--check] [--limited] [--owner PID]
                        <{"all": [HOST...], "batch": [HOST...], "inventory": [HOST...],
                         "paths": [PATH...], "last"}
-    evidence.py judge DIRECTORY [--diff] [--max-failed LIMITS --max-failed-total LIMIT]
+    evidence.py collect DIRECTORY [--diff] [--max-failed LIMITS --max-failed-total LIMIT]
                                                        <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT]
                                                        <{HOST: why the steps after it failed}
@@ -114,11 +114,11 @@ def findings(found, severity):
     return [item for item in objects(found, "findings") if item.get("severity") == severity]
 
 
-def not_saved(files, rehearsal, found):
+def not_saved(files, prediction, found):
     """In words what a run that had to save did not save of what it removed."""
     if "save" not in files["steps"].split():
         return ""
-    listed = [item for item in objects(rehearsal, "removed") if item.get("listed")]
+    listed = [item for item in objects(prediction, "removed") if item.get("listed")]
     more = len(objects(found, "removed")) - len(listed)
     errors = files["before.err"].splitlines() if files["saved"] else []
     words = ", ".join(line.partition("saved: ")[2] for line in errors)
@@ -189,33 +189,33 @@ class Play:
         # An empty file would limit a play to nothing, which Ansible takes for all hosts.
         write("\n".join(self.not_done() or ["!all"]) + "\n", self.directory, "again")
 
-    def judge(self, name, told):
-        """The record of a host after a try. Ansible has told whether it "found" the run there, or
-        the outcome and the reason of its trouble."""
+    def record_of(self, name, given):
+        """The record of a host after a try. `given` says whether the run was "found" there, or has
+        the outcome and the reason if Ansible failed."""
         former = self.hosts[name]
-        outcome = told.get("outcome")
+        outcome = given.get("outcome")
         tries = former["tries"] + 1
         if outcome == "unreachable" and tries > 1:
             return former
         if outcome == "unreachable" and former["out"]:
             outcome = "lost"
         if outcome:
-            return {**RECORD, "outcome": outcome, "reason": reason_of(told["reason"]),
+            return {**RECORD, "outcome": outcome, "reason": reason_of(given["reason"]),
                     "tries": tries, "out": former["out"] or outcome in ("lost", "unfinished")}
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
         files = self.unpack(name, place)
         if {"list", "undo"}.isdisjoint(files["steps"].split()) == self.state["undo"]:
             raise ValueError("they are of an earlier %s: resume" % (
                 "run" if self.state["undo"] else "undo"))
-        record = {**(self.judge_undo if self.state["undo"] else self.judge_results)(files),
+        record = {**(self.record_of_undo if self.state["undo"] else self.record_of_run)(files),
                   "evidence": place}
-        if told.get("found") and tries == 1:
+        if given.get("found") and tries == 1:
             record["reason"] = "found from an earlier play: " + record["reason"]
         return {**record, "tries": tries, "changed": record["changed"] or former["changed"]}
 
-    def judge_results(self, files):
-        rehearsal = parse_object(files["before.json"])
-        found = rehearsal if self.state["check"] else parse_object(files["after.json"])
+    def record_of_run(self, files):
+        prediction = parse_object(files["before.json"])
+        found = prediction if self.state["check"] else parse_object(files["after.json"])
         ended = files["status"]
         outcome, reason = found.get("outcome"), plain(found.get("reason"))
         if not found:
@@ -225,7 +225,7 @@ class Play:
         if self.state["check"] and outcome in GOOD and blocks:
             outcome, reason = "blocked", "a run would end as %s; fix this first" % outcome
         if outcome not in GOOD:
-            blocks = blocks or findings(rehearsal, "blocks")
+            blocks = blocks or findings(prediction, "blocks")
         kept = objects(found, "kept")
         paths = [item.get("path") for item in kept]
         return {
@@ -233,22 +233,23 @@ class Play:
             "outcome": outcome if outcome in OUTCOMES else "unknown",
             "reason": (reason or counted(len(objects(found, "removed")), "path") + (
                 " to remove" if self.state["check"] else " removed")) + (
-                    not_saved(files, rehearsal, found)),
+                    not_saved(files, prediction, found)),
             "status": None if status is None else int(status),
             "blocks": [sentence(item) for item in blocks],
             "keeps": [sentence(item) for item in findings(found, "keeps")
                       if item.get("where") not in paths],
             "stays": ["%s (%s)" % (plain(item.get("path")), plain(item.get("reason")))
                       for item in kept],
-            # The log names neither configuration nor companion modules: the rehearsal does.
+            # The log names neither configuration nor companion modules: the prediction does.
             "changed": bool(ended or self.state["check"]) and outcome != "nothing-done" and any(
-                source.get(key) for source in (found, rehearsal)
+                source.get(key) for source in (found, prediction)
                 for key in ("removed", "unloaded")),
             "version": plain(found.get("version")) or None,
             "saved": plain(files["saved"]) if files["saved"].startswith("/") else None}
 
-    def judge_undo(self, files):
-        check, runs, status = self.state["check"], files["runs"].splitlines(), files["status"].strip()
+    def record_of_undo(self, files):
+        check, runs = self.state["check"], files["runs"].splitlines()
+        status = files["status"].strip()
         saved = [" ".join(line.split()) for line in runs
                  if ", saved" in line and "  not run" not in line]
         # The lists of what is not put back, and why.
@@ -271,7 +272,7 @@ class Play:
                 "changed": outcome in ("undone", "failed") and ", undone" not in saved[-1]}
 
     def explain(self, files):
-        """Why there is no judgement."""
+        """Why there is no result."""
         if files["saved"].startswith("refused"):
             return "nothing-done", "not run"
         if not files["status"] and not self.state["check"]:
@@ -411,7 +412,7 @@ class Play:
     def next_steps(self, record):
         """What to do for a host, or in check mode what to know of it."""
         if record["out"]:
-            return ["the run may be going on: the next play finds it again and judges it"]
+            return ["the run may still be active: the next play finds and checks it"]
         if record["reason"] == CUT_SHORT:
             return ["resume"]
         steps = record["blocks"]
@@ -428,7 +429,7 @@ def suffix_of(options):
     return ("-undo" if options.undo else "") + ("-check" if options.check else "")
 
 
-def new_play(options, told):
+def new_play(options, given):
     latest = latest_of(options)
     earlier = Play(latest).hosts
     name = time.strftime("%Y-%m-%dT%H-%M-%S") + suffix_of(options)
@@ -444,7 +445,7 @@ def new_play(options, told):
     hosts = {name: {**record, "carried": True} for name, record in earlier.items()}
     # Of the hosts that a limited play does not come to.
     hosts = {name: record for name, record in hosts.items()
-             if options.limited and name in set(told["inventory"])}
+             if options.limited and name in set(given["inventory"])}
     play.add(hosts, check=options.check, undo=options.undo, start=now(),
              earlier=os.path.realpath(latest))
     if os.path.lexists(latest + ".new"):
@@ -454,11 +455,11 @@ def new_play(options, told):
     return play
 
 
-def order(options, told):
+def order(options, given):
     """Prints the hosts that have not failed before, if others have: they come first."""
     hosts = Play(latest_of(options)).hosts
-    known = {name for name in told["all"] if last_seen(hosts.get(name)) in FAILED}
-    print(json.dumps({"first": [name for name in told["all"] if known and name not in known]}))
+    known = {name for name in given["all"] if last_seen(hosts.get(name)) in FAILED}
+    print(json.dumps({"first": [name for name in given["all"] if known and name not in known]}))
 
 
 def identify(pid):
@@ -507,22 +508,22 @@ def machine_of(path):
     return number and {62: "x86_64", 183: "aarch64"}.get(number, "machine %d" % number)
 
 
-def open_play(options, told):
-    machines = {path: machine_of(path) for path in told["paths"]}
+def open_play(options, given):
+    machines = {path: machine_of(path) for path in given["paths"]}
     os.makedirs(options.path, exist_ok=True)
     if options.owner:
         lock(options, taken=True)
-    play = Play(options.play) if options.play else new_play(options, told)
-    if any(name not in play.hosts or play.hosts[name]["carried"] for name in told["all"]):
-        play.add(play.enter(told["all"], Play(play.state["earlier"]).hosts))
+    play = Play(options.play) if options.play else new_play(options, given)
+    if any(name not in play.hosts or play.hosts[name]["carried"] for name in given["all"]):
+        play.add(play.enter(given["all"], Play(play.state["earlier"]).hosts))
         play.write_again()
     if not play.state["stopped"]:
         play.add({name: {**RECORD, "reason": CUT_SHORT,
                          **{key: play.hosts[name][key] for key in ("tries", "out", "earlier")}}
-                  for name in told["batch"]},
-                 batches=play.state["batches"] + [{"start": now(), "hosts": len(told["batch"])}])
+                  for name in given["batch"]},
+                 batches=play.state["batches"] + [{"start": now(), "hosts": len(given["batch"])}])
     print(json.dumps({"play": play.directory, "stop": bool(play.state["stopped"]),
-                      "last": told["last"], "failures": play.failures(told["batch"]),
+                      "last": given["last"], "failures": play.failures(given["batch"]),
                       "machines": machines}))
 
 
@@ -551,24 +552,24 @@ def write_difference(place):
     write("", place, "paths.after")
 
 
-def judge(options, told):
+def collect(options, given):
     play = Play(options.path)
-    judged = {}
-    for name, of_host in told.items():
+    records = {}
+    for name, of_host in given.items():
         try:
-            judged[name] = play.judge(name, of_host)
+            records[name] = play.record_of(name, of_host)
         except Exception as error:  # what one host sent must not end the play of all
             fetched = os.path.join(play.directory, "fetched", name)
-            judged[name] = {
+            records[name] = {
                 **RECORD, "reason": plain("the results cannot be read: %s" % (
                     str(error) or type(error).__name__)),
                 "evidence": fetched if os.path.exists(fetched) else play.directory}
-        judged[name] = Record({**judged[name], "earlier": play.hosts[name]["earlier"]})
-        if options.diff and judged[name]["changed"]:
-            write_difference(judged[name]["evidence"])
-    play.add(judged)
+        records[name] = Record({**records[name], "earlier": play.hosts[name]["earlier"]})
+        if options.diff and records[name]["changed"]:
+            write_difference(records[name]["evidence"])
+    play.add(records)
     print(json.dumps({"hosts": {n: {key: r[key] for key in ("outcome", "changed", "evidence")}
-                                for n, r in judged.items()}, **settle(play, told, options)}))
+                                for n, r in records.items()}, **settle(play, given, options)}))
 
 
 def failed_of(hosts):
@@ -609,10 +610,10 @@ def settle(play, names, options):
             "all_failed": len(play.failures(hosts)) == len(hosts)}
 
 
-def settle_after(options, told):
+def settle_after(options, given):
     play = Play(options.path)
-    play.add({name: after_trouble(play.hosts[name], why) for name, why in told.items() if why})
-    print(json.dumps(settle(play, told, options)))
+    play.add({name: after_trouble(play.hosts[name], why) for name, why in given.items() if why})
+    print(json.dumps(settle(play, given, options)))
 
 
 def report(options):
@@ -635,7 +636,7 @@ class Parser(argparse.ArgumentParser):
 
 def main():
     parser = Parser()
-    parser.add_argument("verb", choices=("order", "open", "judge", "settle", "report"))
+    parser.add_argument("verb", choices=("order", "open", "collect", "settle", "report"))
     parser.add_argument("path")
     parser.add_argument("--play")
     parser.add_argument("--owner", type=int)
@@ -649,7 +650,7 @@ def main():
     if options.verb == "report":
         report(options)
     else:
-        verbs = {"order": order, "open": open_play, "judge": judge, "settle": settle_after}
+        verbs = {"order": order, "open": open_play, "collect": collect, "settle": settle_after}
         verbs[options.verb](options, json.load(sys.stdin))
 
 

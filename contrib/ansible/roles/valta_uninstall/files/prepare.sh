@@ -1,9 +1,9 @@
 #!/bin/sh
-# Makes the place of a run on the host: prepare.sh PLACE KEPT OWN PROGRAM...
+# Makes the work directory of a run on the host: prepare.sh PLACE KEPT OWN PROGRAM...
 #
 # Puts each PROGRAM there from OWN, the host's directory of programs; one that an earlier run
 # deleted there was put aside in KEPT, the place of real runs. Prints "found" and makes nothing when
-# PLACE has a run that goes on, or one whose end nobody has seen yet. Prints the machine's name too.
+# PLACE has an active run, or one whose results were not fetched yet. Prints the machine's name too.
 set -eu
 umask 077
 place=$1
@@ -17,7 +17,7 @@ is_running() {
     [ "$boot" = "$(cat /proc/sys/kernel/random/boot_id 2>/dev/null)" ] && kill -0 "$pid" 2>/dev/null
 }
 
-# A rehearsal that has ended is out of date.
+# A prediction that has ended is outdated.
 [ "$place" = "$kept" ] || is_running || rm -rf "$place"
 if [ -e "$place/run/pid" ]; then
   # What was cut off, by a restart of the host perhaps, has not packed its evidence.

@@ -8,8 +8,8 @@
 #   run       run and check
 #   list      list the runs that valta-driver-remove knows
 #   undo      undo the last one that saved something, and the failed ones that it completed
-# PLACE/evidence.tar appears at the very end. The programs get PATH and nothing of the environment of
-# the caller, which comes first in their search path.
+# PLACE/evidence.tar appears at the very end. The programs get PATH and nothing of the environment
+# of the caller, which comes first in their search path.
 set -u
 umask 077
 place=$1
@@ -60,17 +60,17 @@ for step; do
       if [ "$(identify)" != "$earlier" ]; then
         cp "$log" log
       else
-        # It would be judged by an earlier run's log, unless the status tells that it did nothing.
+        # The log is of an earlier run. The check can do without one only if nothing was done.
         case $status in 1 | 7 | 126 | 127 | 255) ;; *) continue ;; esac
       fi
       check --json >after.json 2>after.err
-      echo $? >judged
+      echo $? >checked
       [ ! -d "$record" ] || check >"$record/after.txt" 2>/dev/null ;;
     list) run ../valta-driver-remove list >runs 2>stderr ;;
     undo)
       chosen='' earlier=''
       while read -r name words; do
-        case $words in "not run"*) continue ;; *saved*) ;; *) continue ;; esac
+        case $words in "not run"*) continue ;; *", saved"*) ;; *) continue ;; esac
         case $earlier in done* | clean* | kept* | shared* | *undone) chosen='' ;; esac
         chosen="$name $chosen" earlier=$words
       done <runs
@@ -80,7 +80,7 @@ for step; do
         [ "$status" -le 1 ] || break
       done
       echo "${status:-2}" >status
-      cp status judged ;;
+      cp status checked ;;
   esac
 done
 if [ -d "$record" ]; then
