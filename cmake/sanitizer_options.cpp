@@ -3,9 +3,9 @@
 // them. The limit for core dumps stays what the program makes it.
 
 // The sanitizers' names for them.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
+// NOLINTBEGIN(readability-identifier-naming)
 extern "C" const char* __lsan_default_options();
 extern "C" const char* __lsan_default_options() { return "use_unaligned=1"; }
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() { return "disable_coredump=0"; }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+// NOLINTEND(readability-identifier-naming)

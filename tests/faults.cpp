@@ -49,7 +49,7 @@ ssize_t read_front(void* /*cookie*/, char* buffer, std::size_t size) {
 
 }  // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the linker's names
+// NOLINTBEGIN(readability-identifier-naming): the linker's names
 extern "C" {
 uid_t __real_getuid();
 int __real_unlink(const char* path);
@@ -92,4 +92,4 @@ FILE* __wrap_fopen(const char* path, const char* mode) {
   return fopencookie(nullptr, mode, {&read_front, nullptr, nullptr, nullptr});
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
+// NOLINTEND(readability-identifier-naming)
