@@ -135,7 +135,7 @@ int predict(const Options& options, const std::string& run) {
     begin_step("Saving");
     const Record record = save(run + kArchive, report);
     losses = texts(record, kLoss);
-    std::printf("Saved: %s, %.1f MB, in %s; it may hold secrets.\n",
+    std::printf("Saved: %s, %.1f MB, in %s; it can contain secrets.\n",
                 counted(texts(record, kSaved).size(), "path").c_str(),
                 static_cast<double>(fs::file_size(run + kArchive)) / kMegabyte, run.c_str());
   }
