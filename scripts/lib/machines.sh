@@ -53,7 +53,10 @@ packages_of_machine() {
   (IFS=, && echo "${packages[*]},linux-image-$release,linux-headers-$release")
 }
 
-boot_machine() {  # SERIAL DISK JOB RESULTS: the disks, in qemu's words. Sets $machine to its process.
+# boot_machine SERIAL DISK JOB RESULTS [WORDS]: starts the kernel in $images with the disks, in qemu's
+# words, and with WORDS on its command line. Sets $machine to the process. Without no_timer_check an old
+# kernel panics on a busy host, where its first ticks come late.
+boot_machine() {
   TMPDIR=${scratch:?} "${emulator[@]}" -accel tcg -smp 1 -m 1G -nic none -display none -no-reboot \
     -serial "$1" -kernel "$images/vmlinuz" -initrd "$images/initrd" \
     -append "root=/dev/vda rw console=$terminal panic=-1 mitigations=off no_timer_check ${5-rootflags=$root_options}" \
