@@ -176,8 +176,9 @@ int undo(const std::string& file, bool force) {
   if (lexists(way_back.beside(kOutput)) && !lexists(way_back.beside(kUndone))) {
     write_new_file(way_back.beside(kUndone), "");
   }
-  troubles.empty() ? static_cast<void>(std::puts("Everything is as it was before the run."))
-                   : print("Not as it was before the run:", troubles);
+  troubles.empty()
+      ? static_cast<void>(std::puts("Everything that was saved is as it was before the run."))
+      : print("Not as it was before the run:", troubles);
   return troubles.empty() ? 0 : 1;
 }
 
