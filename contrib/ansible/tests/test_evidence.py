@@ -1,7 +1,7 @@
 """What evidence.py keeps and says, without Ansible: a play here is its calls alone."""
 
 import contextlib
-import importlib.util
+import importlib
 import io
 import json
 import os
@@ -16,9 +16,8 @@ from types import SimpleNamespace
 import pytest
 
 PROGRAM = Path(__file__).parents[1] / "roles/valta_uninstall/files/evidence.py"
-spec = importlib.util.spec_from_file_location("evidence", PROGRAM)
-evidence = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(evidence)
+sys.path.insert(0, str(PROGRAM.parent))
+evidence = importlib.import_module("evidence")
 
 
 def results(outcome="done", **more):
