@@ -129,7 +129,7 @@ const std::array kDoors = {
     Door{"shared memory", [] { return shmget(kSharedMemory, 0, 0) >= 0; }},
     Door{"other processes", [] { return processes() > 2; }},
     Door{"open file of the caller", [] { return fcntl(kOpenDescriptor, F_GETFD) >= 0; }},
-    Door{"session of the caller", [] { return getsid(0) != getpid(); }},
+    Door{"terminal of the caller", [] { return getsid(0) != getpid(); }},
     Door{"program for core dumps", [] { return limit_of(RLIMIT_CORE).rlim_cur != 1; }},
     Door{"capabilities",
          [] { return field_of("/proc/self/status", "CapEff:\t") != "000000000000001b"; }},
