@@ -114,6 +114,8 @@ def controller(tmp_path):
       "Connection to h closed."}, "unreachable", None, "^h: refused$"),
     ({"outcome": "unreachable", "reason": 'Data could not be sent to remote host "h". Make sure this '
       "host can be reached over ssh: h: refused\r\n"}, "unreachable", None, "^h: refused$"),
+    ({"outcome": "unreachable", "reason": "[Errno 32] Broken pipe. [Errno 32] Broken pipe"},
+     "unreachable", None, "^no connection: Broken pipe$"),
     (FAILED, "failed", 5, "depmod failed"),
     (AWAY, "unreachable", None, "no route"),
     ({**DONE, "after.json": ""}, "unknown", 0, "gave no answer$"),

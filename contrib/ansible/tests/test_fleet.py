@@ -61,7 +61,7 @@ BARE_TAR = "mv usr/bin/tar bin/real\n" + wrap(
     "usr/bin/tar", '[ "$1" != --help ] || exit 0') + "chmod +x usr/bin/tar\n"
 HOLD = "sed -i 's/^zephanor 8126464 2/zephanor 8126464 3/' proc/modules\n"
 HOSTS = {  # the first one is a batch of its own
-    "away": Host(("unreachable", None), left=ALL, reason="127.0.0.1", variables={
+    "away": Host(("unreachable", None), left=ALL, reason="127.0.0.1|no connection", variables={
         "ansible_connection": "ssh", "ansible_port": 1, "ansible_host": "127.0.0.1"}),
     "empty": Host(("failed", None), f"rm -r {OWN}", own=True, left=ALL, reason="host has no /usr"),
     "done": Host(("done", 0)),

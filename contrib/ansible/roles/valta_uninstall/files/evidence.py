@@ -71,6 +71,8 @@ def reason_of(message):
     prefix = r"^(Failed to connect to the host via|Data could not be .* reached over) ssh: "
     lines = [re.sub(prefix, "", line).strip() for line in message.splitlines()]
     noise = r"Warning: Permanently added|(Shared c|C)onnection to \S+ closed|#|\*|$"
+    # When ssh ends before Ansible has written to it, Ansible knows no better.
+    lines = [re.sub(r"^\[Errno \d+\] (.+?)\. .*", r"no connection: \1", line) for line in lines]
     return plain(([line for line in lines if not re.match(noise, line)] or lines or [""])[-1])
 
 
