@@ -47,7 +47,7 @@ set(CPACK_RPM_PACKAGE_LICENSE "All rights reserved")
 set(CPACK_RPM_PACKAGE_DESCRIPTION ${description})
 set(CPACK_RPM_PACKAGE_REQUIRES "kmod")
 set(CPACK_RPM_PACKAGE_AUTOREQ OFF)
-set(CPACK_RPM_CHANGELOG_FILE ${PROJECT_SOURCE_DIR}/packaging/rpm/changelog)
+set(CPACK_RPM_CHANGELOG_FILE ${PROJECT_BINARY_DIR}/rpm-changelog)
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /usr/sbin /usr/share/man /usr/share/man/man8)
 # Nothing of the machine that packs, and no time but that of the commit.
 set(CPACK_RPM_SPEC_MORE_DEFINE "%define packager ${CPACK_PACKAGE_CONTACT}

@@ -13,7 +13,7 @@ make_source_packages() {
   "${archive[@]}" | tar -C "$work" -x
   cp "$work/$name-$version.tar.gz" "$work/${name}_$version.orig.tar.gz"
   { sed "s/@VERSION@/$version/" packaging/rpm/$name.spec && printf '\n%%changelog\n' &&
-    cat packaging/rpm/changelog; } >"$work/$name.spec"
+    awk -f packaging/rpm/changelog.awk debian/changelog; } >"$work/$name.spec"
   touch --date="@$SOURCE_DATE_EPOCH" "$work"/*
   (cd "$work" && dpkg-source -b "$name-$version")
   # The package records the paths of its build.
