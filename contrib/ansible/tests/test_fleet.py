@@ -64,6 +64,8 @@ HOSTS = {  # the first one is a batch of its own
     "away": Host(("unreachable", None), left=ALL, reason="127.0.0.1|no connection", variables={
         "ansible_connection": "ssh", "ansible_port": 1, "ansible_host": "127.0.0.1"}),
     "empty": Host(("failed", None), f"rm -r {OWN}", own=True, left=ALL, reason="host has no /usr"),
+    "twice": Host(("failed", None), f"mkdir -p usr/local/valta-9/bin; cp {OWN}/* usr/local/valta-9/bin",
+                  own=True, left=ALL, reason="valta-9/bin; set valta_uninstall_own"),
     "done": Host(("done", 0)),
     "own": Host(("done", 0), own=True),
     "kept": Host(("kept", 0), f"""echo changed >'etc/{{{{7*7}}}}'

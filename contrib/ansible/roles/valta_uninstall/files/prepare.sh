@@ -1,8 +1,8 @@
 #!/bin/sh
 # Makes the work directory of a run on the host: prepare.sh PLACE KEPT OWN PROGRAM...
 #
-# Puts each PROGRAM there from OWN, the host's directory of programs; one that an earlier run
-# deleted there was put aside in KEPT, the place of real runs. Prints "found" and makes nothing when
+# Puts each PROGRAM there from OWN, a pattern for the host's directory of programs; one that an earlier
+# run deleted there was put aside in KEPT, the place of real runs. Prints "found" and makes nothing when
 # PLACE has an active run, or one whose results were not fetched yet. Prints the machine's name too.
 set -eu
 umask 077
@@ -29,12 +29,22 @@ if [ -e "$place/run/pid" ]; then
   echo "found $machine"
   exit
 fi
+refuse() {
+  echo "$1" >&2
+  exit 1
+}
+# IFS keeps a space in the pattern.
+pattern=$own IFS=
+for directory in $pattern; do
+  [ $# -gt 0 ] && [ -x "$directory/$1" ] || continue
+  [ "$own" = "$pattern" ] || refuse "the host has programs in $own and in $directory; set \
+valta_uninstall_own to one of them"
+  own=$directory
+done
 for program; do
-  [ -x "$own/$program" ] || [ -x "$kept/$program" ] || {
-    echo "the host has no $own/$program; valta_uninstall_own names another directory," \
-      "valta_uninstall_program and valta_uninstall_inspect copy the programs there" >&2
-    exit 1
-  }
+  [ -x "$own/$program" ] || [ -x "$kept/$program" ] ||
+    refuse "the host has no $own/$program; set valta_uninstall_own to another directory, \
+or valta_uninstall_program to a program on the controller"
 done
 rm -rf "$place/run" "$place/evidence.tar"
 mkdir -p "$place/run"
