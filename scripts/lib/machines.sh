@@ -47,7 +47,11 @@ run_foreign_programs() {
 
 packages_of_machine() {
   local release=virtual packages=(systemd-sysv login kmod dkms initramfs-tools)
-  ! is_debian "$suite" || release=cloud-$arch
+  if is_debian "$suite"; then
+    release=cloud-$arch
+  else
+    packages+=(e2fsprogs)  # initramfs-tools of 22.04 fails without it
+  fi
   release=${kernel:-$release}
   [ "$filesystem" = ext4 ] || packages+=(xfsprogs btrfs-progs)
   (IFS=, && echo "${packages[*]},linux-image-$release,linux-headers-$release")
