@@ -48,8 +48,8 @@ check_cmake() {
   local least
   least=$(sed -n 's/^cmake_minimum_required(VERSION \(.*\))/\1/p' CMakeLists.txt)
   [ "$(printf '%s\n' "$least" "$1" | sort -V | head -n 1)" = "$least" ] || {
-    echo "This takes CMake $least or newer, and the one of this system is $1; Debian 12 and Ubuntu" \
-      "22.04 are the oldest releases that have it." >&2
+    echo "This needs CMake $least or newer, this system has $1; Debian 12 and Ubuntu 22.04 are the" \
+      "oldest releases that have it." >&2
     return 1
   }
 }
@@ -61,7 +61,7 @@ install_packages() {
   log=$(mktemp)
   if ! run_apt "$log" update; then
     grep '^[EW]: ' "$log" >&2 || true
-    echo "apt-get update failed; going on with the lists of packages that are there." >&2
+    echo "apt-get update failed; continuing with the present package lists." >&2
   fi
   [[ " $* " != *" cmake "* ]] ||
     check_cmake "$(apt-cache policy cmake | sed -n 's/^ *Candidate: //p')" ||
@@ -169,7 +169,7 @@ make_scratch() {
     exit 1
   fi
   [ -w build ] || {
-    echo "build/ is read-only, or $(stat -c %U build)'s from another run; give it to $(id -un)." >&2
+    echo "build/ is read-only or owned by $(stat -c %U build); chown it to $(id -un)." >&2
     exit 1
   }
   for left in build/scratch-*; do

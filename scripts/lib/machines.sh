@@ -10,14 +10,14 @@ case $arch in
     processor=aarch64 terminal=ttyAMA0
     emulator=(qemu-system-aarch64 -machine virt -cpu cortex-a57)
     ;;
-  *) echo "There are no machines of $arch, but of amd64 and arm64." >&2 && exit 2 ;;
+  *) echo "No machine of $arch: use amd64 or arm64." >&2 && exit 2 ;;
 esac
 case $filesystem in
   # Soon on the disk, for a machine that is cut off.
   ext4) root_options=commit=1 ;;
   xfs) root_options= ;;
   btrfs) root_options=subvol=@,commit=1 ;;
-  *) echo "There are no machines on $filesystem, but on ext4, xfs and btrfs." >&2 && exit 2 ;;
+  *) echo "No machine on $filesystem: use ext4, xfs or btrfs." >&2 && exit 2 ;;
 esac
 name=$suite
 [ "$arch" = "$(native_architecture)" ] || name+=-$arch
