@@ -118,15 +118,15 @@ def controller(tmp_path):
      "unreachable", None, "^no connection: Broken pipe$"),
     (FAILED, "failed", 5, "depmod failed"),
     (AWAY, "unreachable", None, "no route"),
-    ({**DONE, "after.json": ""}, "unknown", 0, "gave no answer$"),
-    ({**DONE, "after.json": "", "after.err": "a\nb"}, "unknown", 0, "gave no answer: b$"),
+    ({**DONE, "after.json": ""}, "unknown", 0, "printed no report$"),
+    ({**DONE, "after.json": "", "after.err": "a\nb"}, "unknown", 0, "printed no report: b$"),
     ({**DONE, "after.json": results("splendid")["after.json"]}, "unknown", 0, ""),
     ({"status": "0"}, "unknown", 0, "the run wrote no log"),
-    ({"before.json": {}}, "unfinished", None, "cut off"),
+    ({"before.json": {}}, "unfinished", None, "the run was interrupted"),
     ({**DONE, "status": "none"}, "unknown", None, "cannot be read"),
     ({**DONE, "steps": "save run", "saved": "nothing"}, "done", 0,
      "^2 paths removed; not saved: the prediction did not end$"),
-    ({**DONE, "steps": "list undo"}, "unknown", None, "earlier undo: resume"),
+    ({**DONE, "steps": "list undo"}, "unknown", None, "earlier undo; resume"),
 ])
 def test_outcome(controller, given, outcome, status, reason):
     controller.play({"h": given})
@@ -152,8 +152,8 @@ RUNS = "20261122-101010  failed, saved\n20261122-111111  done, saved\n"
     ({"status": "2", "runs": "20261122-101010  done\n"}, "nothing-done", False, "has saved"),
     ({"status": "2", "runs": ""}, "clean", False, "no run to undo"),
     ({"status": "2", "runs": "", "stderr": "not found"}, "unknown", False, "not found"),
-    ({}, "unfinished", False, "cut off"),
-    ({"steps": "save run", **DONE}, "unknown", False, "earlier run: resume"),
+    ({}, "unfinished", False, "the undo was interrupted"),
+    ({"steps": "save run", **DONE}, "unknown", False, "earlier run; resume"),
 ])
 def test_result_of_an_undo(controller, left, outcome, changed, reason):
     controller.play({"h": {"steps": "list undo", "runs": RUNS, **left}}, options=["--undo"])
@@ -167,18 +167,18 @@ FINDING = {"severity": "blocks", "text": "The log is a link.", "where": "/a", "d
 
 
 @pytest.mark.parametrize("left, outcome, changed, words", [
-    (results(), "done", True, "Nothing is in the way of a run. Nothing was done."),
-    (results(findings=[FINDING]), "blocked", True, "1 not ready for a run"),
-    (results("clean", removed=[]), "clean", False, "Nothing is in the way"),
-    (results("busy", removed=[], unloaded=["zvrfs"]), "busy", True, "1 not ready"),
-    (results("nothing-done"), "nothing-done", False, "1 not ready"),
+    (results(), "done", True, "All hosts are ready for a run. Nothing was done."),
+    (results(findings=[FINDING]), "blocked", True, "1 host is not ready for a run"),
+    (results("clean", removed=[]), "clean", False, "All hosts are ready"),
+    (results("busy", removed=[], unloaded=["zvrfs"]), "busy", True, "1 host is not ready"),
+    (results("nothing-done"), "nothing-done", False, "1 host is not ready"),
 ])
 def test_check_mode(controller, left, outcome, changed, words):
     controller.play({"h": {"before.json": left["before.json"]}}, options=["--check"])
     play = controller.report()
     assert (play.hosts["h"]["outcome"], play.hosts["h"]["changed"]) == (outcome, changed)
     assert words in play.text
-    assert "All are done" not in play.text
+    assert "All hosts are done" not in play.text
     # A run changes the same.
     controller.play({"h": left}, options=[])
     assert controller.report().hosts["h"]["changed"] == changed
@@ -287,7 +287,7 @@ def test_run_that_may_go_on_is_looked_for_until_it_is_found(controller):
     pack(controller.directory / "fetched/a", DONE)
     controller.call("collect", controller.directory, given={"a": {"found": True}})
     assert controller.report().hosts["a"]["reason"] == (
-        "found from an earlier play: 2 paths removed")
+        "run of an earlier play: 2 paths removed")
 
 
 @pytest.mark.parametrize("limit", ["10 %%", "few", "-1"])
@@ -344,7 +344,7 @@ def test_paths_are_checked_before_anything_happens(controller, tmp_path):
         controller.start()
         assert controller.open(["a"], ["a"])["machines"] == {str(program): name, str(PROGRAM): None}
     controller.logs = tmp_path / "none"
-    for path, words in (("build/program", "is no absolute path"), ("/no/program", "No such file")):
+    for path, words in (("build/program", "is not an absolute path"), ("/no/program", "No such file")):
         controller.paths = [path]
         with pytest.raises(SystemExit, match=f"{path}.*{words}"):
             controller.open(["a"], ["a"])
@@ -361,10 +361,10 @@ def test_screen_has_a_line_for_each_reason(controller):
     assert play.lines[3:] == [
         "", " 1  failed          5  depmod failed", "    r4", "    -> fix the reason, then resume",
         "", " 1  failed        140  depmod failed", "    r5", "    -> fix the reason, then resume",
-        "", "40  unreachable     -  connect to r2-n0 (10.0.0.0) port 22: refused (and the like)",
+        "", "40  unreachable     -  connect to r2-n0 (10.0.0.0) port 22: refused (or similar)",
         "    r2-n0, r2-n1, r2-n2 and 37 more", "    -> check the connection",
         "", " 1  unreachable     -  no route", "    r3", "    -> check the connection",
-        "", "50  done            0  0 paths removed (and the like)",
+        "", "50  done            0  0 paths removed (or similar)",
         "    r1-n0, r1-n1, r1-n2 and 47 more"]
     assert all(f"\n{name} " in play.all for name in hosts)
 

@@ -63,7 +63,8 @@ HOLD = "sed -i 's/^zephanor 8126464 2/zephanor 8126464 3/' proc/modules\n"
 HOSTS = {  # the first one is a batch of its own
     "away": Host(("unreachable", None), left=ALL, reason="127.0.0.1|no connection", variables={
         "ansible_connection": "ssh", "ansible_port": 1, "ansible_host": "127.0.0.1"}),
-    "empty": Host(("failed", None), f"rm -r {OWN}", own=True, left=ALL, reason="host has no /usr"),
+    "empty": Host(("failed", None), f"rm -r {OWN}", own=True, left=ALL,
+                  reason="host has no valta-driver-uninstaller in /usr"),
     "twice": Host(("failed", None), f"mkdir -p usr/local/valta-9/bin; cp {OWN}/* usr/local/valta-9/bin",
                   own=True, left=ALL, reason="valta-9/bin; set valta_uninstall_own"),
     "done": Host(("done", 0)),
@@ -102,7 +103,7 @@ esac"""), check="busy", variables=MODULES, reason="not saved: 13 paths, not pred
     "cut-off": Host(("unfinished", None), f"""mkdir -p {PLACE}/run
 mv {OWN}/valta-driver-* {PLACE}
 echo 1 earlier >{PLACE}/run/pid""", own=True, left=ALL, check="done", then="done",
-                    reason="found from an earlier play: .* cut off"),
+                    reason="run of an earlier play: .* interrupted"),
     "tarless": Host(("done", 0), BARE_TAR, left=REST | {"/bin/real/tar"},
                     reason="not saved: this host has no tar"),
     "strict": Host(("nothing-done", None), BARE_TAR, check="done", left=ALL | ASIDE,

@@ -207,12 +207,12 @@ class Play:
         place = os.path.join(self.directory, name, *(["try-%d" % tries] if tries > 1 else []))
         files = self.unpack(name, place)
         if {"list", "undo"}.isdisjoint(files["steps"].split()) == self.state["undo"]:
-            raise ValueError("they are of an earlier %s: resume" % (
+            raise ValueError("they belong to an earlier %s; resume" % (
                 "run" if self.state["undo"] else "undo"))
         record = {**(self.record_of_undo if self.state["undo"] else self.record_of_run)(files),
                   "evidence": place}
         if given.get("found") and tries == 1:
-            record["reason"] = "found from an earlier play: " + record["reason"]
+            record["reason"] = "run of an earlier play: " + record["reason"]
         return {**record, "tries": tries, "changed": record["changed"] or former["changed"]}
 
     def record_of_run(self, files):
@@ -278,11 +278,12 @@ class Play:
         if files["saved"].startswith("refused"):
             return "nothing-done", "not run"
         if not files["status"] and not self.state["check"]:
-            return "unfinished", "it was cut off: the host was restarted, or the process killed"
+            return "unfinished", "the %s was interrupted: it was killed, or the host restarted" % (
+                "undo" if self.state["undo"] else "run")
         if files["status"] and not files["log"]:
             return "unknown", "the run wrote no log"
         errors = files["before.err" if self.state["check"] else "after.err"].splitlines()
-        return "unknown", plain(": ".join(["valta-driver-inspect gave no answer", *errors[-1:]]))
+        return "unknown", plain(": ".join(["valta-driver-inspect printed no report", *errors[-1:]]))
 
     def unpack(self, name, place):
         """Of an archive that a host made nothing but the known files is taken, by name, and no
@@ -342,13 +343,14 @@ class Play:
 
     def resume(self):
         count = len(self.not_done())
+        hosts = "%s %s" % (counted(count, "host"), "is" if count == 1 else "are")
         if self.state["check"]:
-            return "%d not ready for a run; once the reasons are fixed, check with: --limit @%s" % (
-                count, os.path.join(self.directory, "again")) if count else (
+            return "%s not ready for a run. Fix the reasons, then check with: --limit @%s" % (
+                hosts, os.path.join(self.directory, "again")) if count else (
                     "Nothing was done." if self.state["undo"] else
-                    "Nothing is in the way of a run. Nothing was done.")
-        return "%d not done; once the reasons are fixed, add to the command: --limit @%s" % (
-            count, os.path.join(self.directory, "again")) if count else "All are done."
+                    "All hosts are ready for a run. Nothing was done.")
+        return "%s not done. Fix the reasons, then resume with: --limit @%s" % (
+            hosts, os.path.join(self.directory, "again")) if count else "All hosts are done."
 
     def stop(self):
         stopped = self.state["stopped"]
@@ -389,14 +391,14 @@ class Play:
             (first, (line, *steps)), names = group[0], [name for name, lines in group[:3]]
             more = " and %d more" % (len(group) - 3) if group[3:] else ""
             others = [lines for name, lines in group if lines != group[0][1]]
-            such = " (and the like)" if others else ""
+            such = " (or similar)" if others else ""
             yield ""
             yield "%*d  %s%s" % (width, len(group), line, such)
             yield "%*s  %s%s" % (width, "", ", ".join(names), more)
             yield from ("%*s%s" % (width, "", step) for step in steps)
         if groups[MOST_REASONS:]:
             yield ""
-            yield "%s more: see summary.txt" % counted(len(groups) - MOST_REASONS, "reason")
+            yield "%s: see summary.txt" % counted(len(groups) - MOST_REASONS, "more reason")
 
     def lines(self):
         """All hosts."""
@@ -499,7 +501,7 @@ def lock(options, taken):
 def machine_of(path):
     """The processor of a program, as uname names it; nothing for a script."""
     if not os.path.isabs(path):
-        sys.exit("%s is no absolute path" % path)
+        sys.exit("%s is not an absolute path" % path)
     try:
         with open(path, "rb") as file:
             head = file.read(20)
@@ -533,7 +535,7 @@ def limits_of(text):
     """The limits by batch: a number, a percentage, or a list of them as Ansible prints it."""
     limits = re.sub(r"[][\s'\"]", "", text).split(",")
     if not all(re.fullmatch(r"\d+(\.\d+)?%?", limit) for limit in limits):
-        raise argparse.ArgumentTypeError("%s is no number, percentage or list of them" % text)
+        raise argparse.ArgumentTypeError("%s is not a number, percentage or list of them" % text)
     return limits
 
 

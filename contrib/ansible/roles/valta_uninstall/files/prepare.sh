@@ -43,7 +43,7 @@ valta_uninstall_own to one of them"
 done
 for program; do
   [ -x "$own/$program" ] || [ -x "$kept/$program" ] ||
-    refuse "the host has no $own/$program; set valta_uninstall_own to another directory, \
+    refuse "the host has no $program in $own; set valta_uninstall_own to another directory, \
 or valta_uninstall_program to a program on the controller"
 done
 rm -rf "$place/run" "$place/evidence.tar"
