@@ -446,7 +446,7 @@ def test_resume_comes_past_a_host_that_cannot_be_mended(fleet, name, playbook):
     play = fleet.play("--limit", f"@{play.evidence}/again", **limits)
     assert (play.status, play.stopped, play.hosts["clean"]["outcome"]) == (2, None, "clean")
     if playbook == "uninstall":
-        came = re.findall(r"^ok: \[(\w+)\]", play.stdout.split("PLAY [Go through")[1], re.M)
+        came = re.findall(r"^ok: \[(\w+)\]", play.stdout.split("PLAY [Run on the hosts")[1], re.M)
         assert (came[0], play.failed) == ("clean", {"empty"})
 
 
