@@ -36,7 +36,7 @@ refuse() {
 # IFS keeps a space in the pattern.
 pattern=$own IFS=
 for directory in $pattern; do
-  [ $# -gt 0 ] && [ -x "$directory/$1" ] || continue
+  if [ $# = 0 ] || [ ! -x "$directory/$1" ]; then continue; fi
   [ "$own" = "$pattern" ] || refuse "the host has programs in $own and in $directory; set \
 valta_uninstall_own to one of them"
   own=$directory
