@@ -32,7 +32,7 @@ REST = {path for path in (TOP / "tests/host/sample.left").read_text().split()
 PLACE = "root/valta-uninstall"
 RECORDS = "/var/lib/valta-driver-remove"
 ASIDE = {f"/{PLACE}/{program}" for program in PROGRAMS}
-# The copies of the programs that foretell what becomes of modules on a kernel that has none.
+# These copies of the programs predict changes of modules on a kernel that has none.
 MODULES = {"valta_uninstall_program": f"{BUILD}/faulty-uninstaller",
            "valta_uninstall_inspect": f"{BUILD}/faulty-inspect"}
 

@@ -1,10 +1,10 @@
 #!/bin/sh
-# Removes from the host what a run left in its place: clean-up.sh PLACE MODE
+# Removes the results and the programs of a run from the host: clean-up.sh PLACE MODE
 #
-# After a run that did not do all of its work the programs stay: it may have deleted the host's own,
-# and the next run needs them. With the mode "check" nothing ever stays.
+# After an incomplete run the programs are kept, because the run may have deleted the host's own,
+# and the next run needs them. In the mode "check" nothing is kept.
 place=$1
-# A run that could not pack its evidence, on a full disk for one, is left to the next play.
+# A run that could not pack its results, for example on a full disk, is left to the next play.
 [ ! -e "$place/run/pid" ] || [ -e "$place/evidence.tar" ] || exit 0
 case $2/$(cat "$place/run/checked" 2>/dev/null) in
   check/* | */[01]) set -- "$place" ;;

@@ -12,9 +12,9 @@
     evidence.py report LOGS [--play DIRECTORY] [--undo] [--check] [--owner PID]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
-directory holds "journal", to which every call appends what is new, "again" with the hosts that are
-not done, for each host what its run left, and, once the play has been summed up, summary.json and
-summary.txt. Whatever a host says is text here, and reaches no terminal but as ASCII.
+directory has "journal", to which every call appends its results, "again" with the hosts that are
+not done, the files of each host, and, after the play, summary.json and summary.txt. Text from a
+host is never evaluated, and is printed as ASCII only.
 """
 
 import argparse
@@ -28,14 +28,14 @@ import time
 
 FILES = ("before.json", "before.err", "after.json", "after.err", "stdout", "stderr", "log",
          "status", "steps", "saved", "runs")
-# More than that of one host would only fill the controller's disk.
+# More from one host would only fill the controller's disk.
 MOST_BYTES = 64 << 20
 MOST_REASONS = 40  # on the screen
 GOOD = ("done", "undone", "shared", "kept", "clean")
-# What the inspector says, and what only the controller can know.
+# The outcomes of the inspector, and those that only the controller knows.
 OUTCOMES = ("failed", "nothing-done", "unfinished", "unknown", "lost", "busy", "blocked",
             "unreachable", "not-started") + GOOD
-# These tell of a run gone wrong; the others that nothing happened, or that all is well.
+# The outcomes that count for the failure limit.
 FAILED = OUTCOMES[:5]
 CUT_SHORT = "the play ended before the result of this host was known"
 ADVICE = {
@@ -47,11 +47,11 @@ RECORD = {"outcome": "unknown", "status": None, "reason": "", "blocks": [], "kee
           "stays": [], "changed": False, "tries": 0, "evidence": None, "version": None,
           # The directory on the host with what the run removed.
           "saved": None,
-          # Whether only an earlier play has had to do with the host.
+          # Whether the record is that of an earlier play.
           "carried": False,
-          # What the last play said that came to the host.
+          # The outcome in the last play that reached the host.
           "earlier": None,
-          # Whether the host may have a run that no play has seen the end of.
+          # Whether the host may have a run whose end no play has seen.
           "out": False}
 
 
@@ -117,7 +117,7 @@ def findings(found, severity):
 
 
 def not_saved(files, prediction, found):
-    """In words what a run that had to save did not save of what it removed."""
+    """In words what a run removed but did not save, although it had to."""
     if "save" not in files["steps"].split():
         return ""
     listed = [item for item in objects(prediction, "removed") if item.get("listed")]
@@ -132,7 +132,7 @@ def not_saved(files, prediction, found):
 
 
 def not_started(former):
-    """A host whose batch is to come, with what an earlier play said of it."""
+    """The record of a host whose batch has not started, with its result in an earlier play."""
     reason = "its batch did not start"
     if former and former["outcome"] == "not-started":
         reason = former["reason"]
@@ -150,20 +150,20 @@ def last_seen(former):
 
 
 def is_known(record):
-    """Whether the host has failed in an earlier play. Then the failure limit has counted it, and
-    a resumed play would come no further."""
+    """Whether the host has failed in an earlier play. If the failure limit counted it again, a
+    resumed play would never reach later batches."""
     return record["earlier"] in FAILED
 
 
 class Record(dict):
-    """What is known of a host; the rest is as in RECORD. To fill in thousands takes time."""
+    """The values of a host that differ from RECORD: filling in thousands of records takes time."""
 
     def __missing__(self, key):
         return RECORD[key]
 
 
 class Play:
-    """What the journal of a directory says: `state` of the play, `hosts` with a record each."""
+    """The journal of a directory: the `state` of the play, and `hosts` with a record each."""
 
     def __init__(self, directory):
         self.directory = directory
@@ -176,7 +176,7 @@ class Play:
         self.hosts = {name: Record(record) for name, record in self.hosts.items()}
 
     def add(self, hosts=(), **state):
-        """Appends to the journal: records of hosts, without what is as in all, and the state."""
+        """Appends to the journal: records of hosts, without values of RECORD, and the state."""
         hosts = {name: Record((key, value) for key, value in record.items()
                               if value != RECORD[key]) for name, record in dict(hosts).items()}
         self.state.update(state)
@@ -254,7 +254,7 @@ class Play:
         status = files["status"].strip()
         saved = [" ".join(line.split()) for line in runs
                  if ", saved" in line and "  not run" not in line]
-        # The lists of what is not put back, and why.
+        # The paths that are not put back, and the reasons.
         words = "".join(re.findall(r"^Not.*:\n((?:  .*\n)+)", files["stdout"], re.M)).splitlines()
         words = "; ".join(map(str.strip, words or files["stderr"].splitlines()[-1:]))
         if not status and not check:
@@ -286,8 +286,8 @@ class Play:
         return "unknown", plain(": ".join(["valta-driver-inspect printed no report", *errors[-1:]]))
 
     def unpack(self, name, place):
-        """Of an archive that a host made nothing but the known files is taken, by name, and no
-        more bytes than the host has sent. Returns their texts by name."""
+        """Extracts only the known files from the archive of a host, and no more bytes than it has.
+        Returns their texts by name."""
         files = dict.fromkeys(FILES, "")
         archive = os.path.join(self.directory, "fetched", name)
         os.makedirs(place)
@@ -310,13 +310,13 @@ class Play:
         return [name for name, record in self.hosts.items() if record["outcome"] not in GOOD]
 
     def failures(self, names):
-        """Those of the hosts that are not done, with the words to fail with."""
+        """The hosts that are not done, each with its message."""
         return {name: "%s: %s" % (self.hosts[name]["outcome"], " -> ".join(
             [self.hosts[name]["reason"], *self.next_steps(self.hosts[name])]))
             for name in names if self.hosts[name]["outcome"] not in GOOD}
 
     def enter(self, names, earlier):
-        """The records of hosts that this play is to come to."""
+        """The first records of the hosts of this play."""
         formers = {name: self.hosts.get(name) for name in names}
         return {name: not_started(former or earlier.get(name))
                 for name, former in formers.items() if not former or former["carried"]}
@@ -361,7 +361,7 @@ class Play:
         return [self.totals(), *self.stop(), self.resume(), "Results: " + self.directory]
 
     def line(self, record):
-        """What the summary says of a host, and what to do, in lines of their own."""
+        """The result of a host in a line of the summary, and what to do in more lines."""
         status = "-" if record["status"] is None else str(record["status"])
         stays = [] if record["outcome"] == "busy" else record["stays"]
         kept = "; kept: " + ", ".join(stays[:3]) if stays else ""
@@ -370,8 +370,8 @@ class Play:
                 *("  -> " + text for text in self.next_steps(record))]
 
     def groups(self):
-        """The hosts with the same outcome and, but for numbers and the host's name, the same words.
-        The most serious outcome comes first, and of one outcome the largest group."""
+        """The hosts with the same outcome and the same words, except for numbers and the name. The
+        most serious outcome comes first, and of one outcome the largest group."""
         groups = {}
         for name, record in self.hosts.items():
             own = re.compile(r"(?<![\w.-])%s(?![\w-])" % re.escape(name))
@@ -447,7 +447,7 @@ def new_play(options, given):
             pass
     play = Play(directory)
     hosts = {name: {**record, "carried": True} for name, record in earlier.items()}
-    # Of the hosts that a limited play does not come to.
+    # Only a play with --limit takes over the records of other hosts.
     hosts = {name: record for name, record in hosts.items()
              if options.limited and name in set(given["inventory"])}
     play.add(hosts, check=options.check, undo=options.undo, start=now(),
@@ -467,7 +467,7 @@ def order(options, given):
 
 
 def identify(pid):
-    """A running process: its parent, and what tells it from a later one with its number."""
+    """The parent of a running process, and its number and start, which no later process shares."""
     try:
         with open("/proc/%d/stat" % pid) as file:
             fields = file.read().rpartition(")")[2].split()
@@ -477,8 +477,8 @@ def identify(pid):
 
 
 def lock(options, taken):
-    """Takes the directory for the process of Ansible, whose child is `options.owner`, or leaves
-    it. A play that was killed has left it."""
+    """Locks the directory for the process of Ansible, the parent of `options.owner`, or unlocks it.
+    The lock of a play that was killed does not count."""
     path = os.path.join(options.path, "lock-check" if options.check else "lock")
     me = {"host": os.uname().nodename, "process": identify(identify(options.owner)[0])[1]}
     with open(path, "a+") as file:
@@ -540,14 +540,14 @@ def limits_of(text):
 
 
 def excess(limit, failed, hosts, where):
-    """In words that more hosts have failed than the limit lets; nothing when they have not."""
+    """A message if more hosts have failed than the limit allows, otherwise nothing."""
     most = hosts * float(limit[:-1]) / 100 if limit.endswith("%") else float(limit)
     return "%d of %s%s failed, the limit is %s" % (
         failed, counted(hosts, "host"), where, limit) if failed > most else ""
 
 
 def write_difference(place):
-    """Writes what the run removes and unloads, and nothing, for a task to show the difference."""
+    """Writes what the run removes and unloads, and an empty file: a task shows the difference."""
     found = [parse_object(read(place, file)) for file in ("before.json", "after.json")]
     removed = {plain(item.get("path")) for answer in found for item in objects(answer, "removed")}
     removed |= {"module " + plain(module) for answer in found
@@ -562,7 +562,7 @@ def collect(options, given):
     for name, of_host in given.items():
         try:
             records[name] = play.record_of(name, of_host)
-        except Exception as error:  # what one host sent must not end the play of all
+        except Exception as error:  # the results of one host must not end the play
             fetched = os.path.join(play.directory, "fetched", name)
             records[name] = {
                 **RECORD, "reason": plain("the results cannot be read: %s" % (
@@ -577,13 +577,13 @@ def collect(options, given):
 
 
 def failed_of(hosts):
-    """The hosts that have failed, and of how many, without those that had failed before."""
+    """The hosts that have failed, and the number of all, without those that had failed before."""
     new = {name: record for name, record in hosts.items() if not is_known(record)}
     return [name for name, record in new.items() if record["outcome"] in FAILED], len(new)
 
 
 def after_trouble(record, why):
-    """A host whose own steps after the run failed: it may be drained still."""
+    """The record of a host if a task of the site after the run failed: it may still be drained."""
     good = record["outcome"] in GOOD
     return {**record, "outcome": "failed" if good else record["outcome"], "reason": "%s; %s: %s" % (
         record["outcome"] if good else record["reason"], "the steps after it failed",
@@ -596,7 +596,7 @@ def settle(play, names, options):
     if options.max_failed:
         *earlier, batch = play.state["batches"]
         failed, of = failed_of(hosts)
-        # A batch that came to no host has shown nothing, nor one of hosts that had failed before.
+        # A batch has shown nothing if it reached no host, or only hosts that had failed before.
         shown = any(r["outcome"] not in ("busy", "unreachable") and not (
             is_known(r) and r["outcome"] in FAILED) for r in hosts.values())
         number = min(sum(b["shown"] for b in earlier), len(options.max_failed) - 1)

@@ -1,9 +1,10 @@
 #!/bin/sh
-# Makes the work directory of a run on the host: prepare.sh PLACE KEPT OWN PROGRAM...
+# Creates the work directory of a run on the host: prepare.sh PLACE KEPT OWN PROGRAM...
 #
-# Puts each PROGRAM there from OWN, a pattern for the host's directory of programs; one that an earlier
-# run deleted there was put aside in KEPT, the place of real runs. Prints "found" and makes nothing when
-# PLACE has an active run, or one whose results were not fetched yet. Prints the machine's name too.
+# Copies each PROGRAM there from OWN, a pattern for the host's directory of programs. If an earlier
+# run deleted it there, KEPT, the work directory of real runs, has a copy. Creates nothing if PLACE
+# has an active run or results that were not fetched. Prints "found" then, otherwise "ready", and
+# the name of the host's processor.
 set -eu
 umask 077
 place=$1
@@ -20,7 +21,7 @@ is_running() {
 # A prediction that has ended is outdated.
 [ "$place" = "$kept" ] || is_running || rm -rf "$place"
 if [ -e "$place/run/pid" ]; then
-  # What was cut off, by a restart of the host perhaps, has not packed its evidence.
+  # An interrupted run has not packed its results.
   if ! is_running && [ ! -e "$place/evidence.tar" ]; then
     cd "$place/run"
     tar -cf ../evidence.new -- *

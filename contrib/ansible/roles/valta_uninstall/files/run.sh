@@ -8,8 +8,8 @@
 #   run       run and check
 #   list      list the runs that valta-driver-remove knows
 #   undo      undo the last one that saved something, and the failed ones that it completed
-# PLACE/evidence.tar appears at the very end. The programs get PATH and nothing of the environment
-# of the caller, which comes first in their search path.
+# PLACE/evidence.tar appears when all steps have ended. The programs get only PATH, because the
+# environment of the caller could change which tools they run.
 set -u
 umask 077
 place=$1
@@ -22,7 +22,7 @@ boot=$(cat /proc/sys/kernel/random/boot_id 2>/dev/null)
 # Another play may have started a run here meanwhile: its file must not be overwritten.
 (set -C && echo "$$ $boot" >pid) || exit
 echo "$*" >steps
-# With the names that valta-driver-remove gives to the directory of a run and to its files.
+# The directory of the run and its files have the names that valta-driver-remove expects.
 record=/var/lib/valta-driver-remove/$(date +%Y%m%d-%H%M%S)
 
 run() { env -i PATH="$path" HOME=/root LC_ALL=C "$@"; }
@@ -86,7 +86,7 @@ done
 if [ -d "$record" ]; then
   cp before.json after.json log "$record" 2>/dev/null
   cp stdout "$record/output" && cp stderr "$record/console"
-  # A run that removed nothing is none to undo.
+  # If the run removed nothing, there is nothing to undo.
   case $(cat after.json)-$(cat saved 2>/dev/null) in *'"removed": []'*-) rm -rf "$record" ;; esac
 fi
 tar -cf ../evidence.new -- * && mv ../evidence.new ../evidence.tar
