@@ -19,7 +19,9 @@
 #include "inspect/host/installation.h"
 #include "inspect/host/modules.h"
 #include "inspect/report/json.h"
+#include "uninstall/manifest.h"
 #include "utils/descriptor.h"
+#include "utils/listing.h"
 #include "utils/regular_file.h"
 #include "utils/shell.h"
 #include "utils/spawn.h"
@@ -33,8 +35,8 @@ namespace {
   throw ArchiveError("cannot " + tried + ": " + std::strerror(errno));
 }
 
-/// A file that gets its name when it is whole. Until then it has none: whatever ends this process,
-/// nothing is left of it. Where the file system cannot do that, as NFS, it has another name.
+/// A file that gets its name when it is complete. Until then it has none, so nothing is left if
+/// this process ends. On a file system that cannot do that, such as NFS, it has another name.
 class NewFile {
  public:
   explicit NewFile(const std::string& path)
@@ -45,7 +47,7 @@ class NewFile {
       file_ = Descriptor(mkostemp(name_.data(), O_CLOEXEC));
     }
     if (!file_.is_open()) {
-      fail("make " + place_.native());
+      fail("create " + place_.native());
     }
   }
   ~NewFile() { unlink(name_.c_str()); }
@@ -62,7 +64,7 @@ class NewFile {
     const std::string from = name_.empty() ? path_so_far() : name_;
     if (fsync(file_.get()) != 0 ||
         linkat(AT_FDCWD, from.c_str(), AT_FDCWD, place_.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-      fail("make " + place_.native());
+      fail("create " + place_.native());
     }
     const Descriptor directory(open(place_.parent_path().c_str(), O_RDONLY | O_CLOEXEC));
     fsync(directory.get());
@@ -101,7 +103,7 @@ std::string tar(std::vector<std::string> command, const Descriptor& input, int o
 std::string sum_of(const std::string& file) {
   std::string sum;
   if (!output_of({"sha256sum"}, file, sum)) {
-    throw ArchiveError("sha256sum gives no sum of " + file);
+    throw ArchiveError("sha256sum failed for " + file);
   }
   return sum.substr(0, sum.find(' '));
 }
@@ -128,6 +130,11 @@ Record describe(const Report& report) {
   std::vector<std::string> changed = report.written;
   std::transform(report.removed.begin(), report.removed.end(), std::back_inserter(changed),
                  [](const Removal& removal) { return removal.path; });
+  if (fs::path manifest = kUninstallManifestPath; lexists(manifest)) {
+    // A run keeps it. Somebody may delete it afterwards, but what is restored needs it again.
+    std::error_code ignored;
+    changed.push_back(fs::canonical(manifest.parent_path(), ignored) / manifest.filename());
+  }
   std::sort(changed.begin(), changed.end());
   std::set<std::string> kernels;
   for (const std::string& path : changed) {
@@ -152,8 +159,8 @@ Record describe(const Report& report) {
   return record;
 }
 
-/// Throws `ArchiveError` where the paths of `states` do not fit beside the file `archive`: a disk
-/// that is full, even for a moment, is felt by others.
+/// Throws `ArchiveError` if the paths of `states` do not fit beside the file `archive`: a full
+/// disk, even for a moment, harms other programs.
 void check_room(const std::map<std::string, std::string>& states, const Descriptor& archive) {
   constexpr std::uintmax_t size_of_headers = 4096;
   std::uintmax_t needed = 0;
@@ -216,7 +223,8 @@ Record save(const std::string& file, const Report& report) {
 
 void check_sum(const std::string& file, const Record& record) {
   if (std::vector{sum_of(file)} != texts(record, kSum)) {
-    throw ArchiveError(file + " has another sum than when it was written");
+    throw ArchiveError("the checksum of " + file +
+                       " is wrong: it was changed after it was written");
   }
 }
 

@@ -10,24 +10,25 @@ namespace valta::inspect {
 /// The file with the record of the archive `file`.
 [[nodiscard]] inline std::string record_of(const std::string& file) { return file + ".state"; }
 
-/// Writes what the run that `report` predicts would remove or change to the archive `file`, and its
-/// record beside it. Both are root's alone, are on the disk before this returns, and appear under
-/// their names when they are whole; nothing is overwritten. The module dependency data is left out,
-/// since depmod makes it. Throws `ArchiveError`, above all when the disk is full, when something
-/// changes meanwhile, and when this host has no tar that keeps extended attributes and ACLs.
+/// Writes the manifest, and everything that the run predicted by `report` would remove or change,
+/// to the archive `file`, and its record beside it. Only root can read both. They are on the disk
+/// before this returns, appear only when they are complete, and replace no file. The module
+/// dependency data is left out, because depmod creates it. Throws `ArchiveError`, for example if
+/// the disk is full, if a path changes meanwhile, or if this host has no tar that keeps extended
+/// attributes and ACLs.
 Record save(const std::string& file, const Report& report);
 
 /// Whether this host has a tar that keeps extended attributes and ACLs.
 [[nodiscard]] bool can_save();
 
-/// Throws `ArchiveError` when the archive `file` is not the one that `record` was written with.
+/// Throws `ArchiveError` if the archive `file` is not the one of `record`.
 void check_sum(const std::string& file, const Record& record);
 
 /// The content that the regular file at `path` has in the archive `file`.
 [[nodiscard]] std::string content_in(const std::string& file, const std::string& path);
 
-/// Puts all paths of the archive `file` back on this host. Throws `ArchiveError` with the words of
-/// tar, which goes on as far as it can.
+/// Restores all paths of the archive `file` that can be restored. Throws `ArchiveError` with the
+/// message of tar if one of them could not be.
 void extract(const std::string& file);
 
 /// Writes `text` to a new file `path` in the same way as `save`.

@@ -12,7 +12,7 @@ class ArchiveError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// What a file beside an archive says of it: under each name texts of any bytes but NUL.
+/// The content of the file beside an archive: for each name, texts of any bytes except NUL.
 using Record = std::map<std::string, std::vector<std::string>>;
 
 inline constexpr const char* kActive = "active";    ///< units of the manifest
@@ -21,19 +21,20 @@ inline constexpr const char* kEnabled = "enabled";  ///< units of the manifest
 inline constexpr const char* kKernel = "kernel";    ///< whose modules a run removes
 inline constexpr const char* kLoss = "loss";        ///< why something is not in the archive
 inline constexpr const char* kMachine = "machine";  ///< the machine-id
-inline constexpr const char* kMade = "made";        ///< a path that only the run makes
+inline constexpr const char* kMade = "made";        ///< a path that the run creates
 inline constexpr const char* kModule = "module";    ///< of the stack, loaded
 inline constexpr const char* kReport = "report";    ///< of the dry run, as JSON
-inline constexpr const char* kSaved = "saved";      ///< a path in the archive, behind its state
-inline constexpr const char* kSum = "sum";          ///< the archive's, by sha256sum
+inline constexpr const char* kSaved =
+    "saved";                                ///< the state of a path in the archive, and the path
+inline constexpr const char* kSum = "sum";  ///< the archive's, by sha256sum
 
 /// The texts of `record` under `name`.
 [[nodiscard]] std::vector<std::string> texts(const Record& record, const char* name);
 
-/// `record` as a text: each field its name, a blank and its text, with a NUL byte at the end.
+/// `record` as a text. Each field is its name, a space, its text and a NUL byte.
 [[nodiscard]] std::string format_record(const Record& record);
 
-/// The record of such a file. Throws `ArchiveError` when it cannot be read.
+/// The record in `file`. Throws `ArchiveError` if it cannot be read.
 [[nodiscard]] Record read_record(const std::string& file);
 
 /// What is at `path` itself: its type and mode, owners, time of the last change in nanoseconds, and
