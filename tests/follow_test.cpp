@@ -93,7 +93,7 @@ std::vector<Situation> odd_hosts() {
       {.name = "NoSystemctl",
        .manifest = {"SERVICE u " + kEmpty},
        .prepare = "file /lib/systemd/system/u.service; mv /usr/bin/systemctl /aside",
-       .pattern = "no systemctl",
+       .pattern = "systemctl is not in PATH",
        .mend = "mv /aside /usr/bin/systemctl"},
       {.name = "NoMd5sum",
        .prepare = "mv /usr/bin/md5sum /aside",

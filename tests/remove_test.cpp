@@ -7,9 +7,11 @@
 #include <sys/xattr.h>
 
 #include "inspection.h"
+#include "log/log.h"
 #include "situations.h"
 #include "throwaway_host.h"
 #include "uninstall/install_root.h"
+#include "uninstall/manifest.h"
 
 using namespace valta;
 using testing::HasSubstr;
@@ -124,6 +126,7 @@ TEST_F(RemovesTheSample, WithNamesAndAttributesOfEveryKind) {
   const Inspection removed = host.command(kRemove + "--yes");
   EXPECT_EQ(removed.status, 1) << removed.page;
   EXPECT_FALSE(host.has("/etc/zephanor"));
+  host.sh(std::string("rm ") + kUninstallManifestPath);
   expect_undone(before);
   EXPECT_EQ(attribute(), kept_attribute);
   EXPECT_EQ(host.read("/run/systemd/units/invocation:valta-agent.service"), "");
@@ -197,18 +200,26 @@ TEST_F(RemovesTheSample, OnlyWhenItCanBeSaved) {
               HasSubstr("nothing is saved: a run would remove nothing"));
 }
 
+TEST_F(RemovesTheSample, OnlyWhenNothingBlocksTheRun) {
+  host.sh(std::string("ln -s /elsewhere ") + kLogPath);
+  before = state();
+  EXPECT_EQ(host.inspect("before").status, 1);
+  EXPECT_EQ(host.command(kRemove + "--yes").status, 2);
+  EXPECT_EQ(state(), before);
+}
+
 TEST_F(RemovesTheSample, AndOverwritesNothingNewer) {
   host.command(kRemove + "--yes");
   host.sh("file '/etc/zephanor/a b' newer; file /etc/machine-id other");
   const Inspection refused = host.command(kRemove + "undo");
   EXPECT_EQ(refused.status, 2);
   EXPECT_THAT(refused.page, HasSubstr("of another host"));
-  EXPECT_THAT(refused.page, HasSubstr("/etc/zephanor/a b is newer"));
+  EXPECT_THAT(refused.page, HasSubstr("/etc/zephanor/a b has changed since the run"));
   EXPECT_EQ(host.read("/etc/zephanor/a b"), "newer");
   EXPECT_EQ(host.command(kRemove + "undo --force").status, 0);
   EXPECT_EQ(attribute(), kept_attribute);
   host.sh("for archive in " + kRuns + "/*/saved.tar; do echo >>$archive; done");
-  EXPECT_THAT(host.command(kRemove + "undo --force").page, HasSubstr("another sum"));
+  EXPECT_THAT(host.command(kRemove + "undo --force").page, HasSubstr("the checksum of"));
 }
 
 TEST_F(RemovesTheSample, AndNamesWhatThePredictionDidNotHave) {

@@ -136,7 +136,7 @@ std::vector<Situation> situations() {
        .outcome = "nothing-done",
        .finding = "tool-missing",
        .unloads = false,
-       .pattern = "There is no rmmod",
+       .pattern = "rmmod is not in PATH",
        .mend = "tool /sbin/rmmod ': >/plain/proc/modules'"},
       {.name = "LogCannotBeOpened",
        .prepare = "rm " + kLog + "; ln -s /missing/log " + kLog,

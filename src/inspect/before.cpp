@@ -90,7 +90,7 @@ void predict(const std::string& program, int timeout, const Installation& instal
   const Overlay overlay;
   begin_step("Running the uninstaller in the overlay");
   const DryRun run = dry_run(overlay, program, timeout);
-  begin_step("Looking at what it changed");
+  begin_step("Reading the changes");
   Changes changes = overlay.changes();
 
   overlay.look_inside();
@@ -115,7 +115,7 @@ void predict(const std::string& program, int timeout, const Installation& instal
   look_at_unseen(installation, report);
   if (!full_log.empty() && !report.log.empty()) {  // in the overlay, whose memory has room for it
     report.outcome = Outcome::unfinished;
-    report.reason = "the run does its work, but the file system of its log is full";
+    report.reason = "the run would do its work, but the file system of its log is full";
     report.log.clear();
   }
 }
@@ -156,11 +156,11 @@ bool prepare_view(std::vector<std::string>& detached, Report& report) {
 
 }  // namespace
 
-Report before(const std::string& program, int timeout) {
+Report before(const std::string& program, int timeout, Saving saving) {
   Report report;
   report.command = Command::before;
   begin_step("Looking at the host");
-  const std::string saving = saving_command();
+  const std::string command = saving == Saving::yes ? "" : saving_command();
   // Comes first: in namespaces of its own, this process changes no access times and waits for no
   // file system.
   std::vector<std::string> detached;
@@ -171,7 +171,7 @@ Report before(const std::string& program, int timeout) {
   try {
     if (prepared) {
       predict(program, timeout, installation, detached, report);
-      offer_saving(saving, report);
+      offer_saving(command, report);
       return report;
     }
   } catch (const std::exception& problem) {

@@ -61,8 +61,10 @@ int complain(const std::exception& error) {
 int look_and_answer(const Options& options) {
   try {
     const auto start = std::chrono::steady_clock::now();
-    Report report = options.command == Command::before ? before(options.program, options.timeout)
-                                                       : after(options.status, options.console);
+    Report report = options.command == Command::before
+                        ? before(options.program, options.timeout,
+                                 options.save.empty() ? Saving::no : Saving::yes)
+                        : after(options.status, options.console);
     report.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const int status = answer(report, options);

@@ -37,7 +37,7 @@ constexpr const char* kHelp =
     "  --yes      do not ask\n"
     "  --no-save  save nothing, so that the run cannot be undone\n"
     "  --verbose  show every finding, and lists of paths, output and log\n"
-    "  --force    undo on another host, and over files that are newer than the run\n"
+    "  --force    undo in spite of another host, a running uninstaller or newer files\n"
     "\n"
     "Exit status: 0 everything is removed, or put back; 1 something is kept, or not put back;\n"
     "2 the run fails, or nothing was done; 3 the result is unknown; 64 wrong usage. See\n"
@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
   std::signal(SIGCHLD, SIG_DFL);  // a caller that ignores it hides how children end
   std::signal(SIGXFSZ, SIG_IGN);  // a limit of the caller shows up as a write that fails
   try {
-    // The dry run calls this program under the names of the tools that it plays.
+    // The dry run calls this program under the names of the tools that it replaces.
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     if (const auto status = run_as_stub(valta::last_component(argv[0]), arguments)) {
       return *status;

@@ -46,15 +46,15 @@ namespace {
 constexpr int kSecondsOfDryRun = 600;
 constexpr int kSecondsOfLooks = 300;
 
-// Exit statuses: of a run that succeeds, the largest; without a run; of one that cannot be told.
-constexpr int kSomethingStays = 1;
+// Exit statuses.
+constexpr int kKept = 1;  ///< the largest one of a run that succeeds
 constexpr int kNothingDone = 2;
 constexpr int kUnknown = 3;
-constexpr int kGoOn = 128;  ///< added when nothing is in the way of the run
+constexpr int kMayRun = 128;  ///< added to the status of a prediction that allows the run
 constexpr double kMegabyte = 1e6;
 
-/// What of the stack is on this host, without links in the directories: the paths of the manifest,
-/// the configuration, and what is in them.
+/// The paths of the stack on this host: those of the manifest, the configuration, and everything
+/// in them. Links in their directories are resolved.
 std::set<std::string> paths_of_stack() {
   std::vector<fs::path> trees(kConfigurationPaths.begin(), kConfigurationPaths.end());
   for (const ManifestEntry& entry : read_installation().entries) {
@@ -103,28 +103,31 @@ int watched(const std::function<int()>& work, int seconds) {
   return status.value_or(kUnknown);
 }
 
-/// Shows the prediction of a run and what there is to decide about it, and saves in the directory
-/// `run`. Returns the exit status, with `kGoOn` when there may be a run.
+/// Shows the prediction of a run and the decisions to make, and saves in the directory `run`.
+/// Returns the exit status, with `kMayRun` if the run may start.
 int predict(const Options& options, const std::string& run) {
-  Report report = before(program_beside(), kSecondsOfDryRun);
-  for (Finding& finding : report.findings) {
-    if (finding.id == FindingId("unseen")) {
-      finding.next.clear();  // what it would save is saved
-    }
-  }
+  const Report report = before(program_beside(), kSecondsOfDryRun, Saving::yes);
   print_text(report, options.verbose);
   const int status = exit_status(report);
   std::puts("");
   const bool is_idle = report.removed.empty() && report.unloaded.empty();
-  if (options.dry_run || status > kSomethingStays || is_idle) {
-    std::fputs(status > kSomethingStays ? "Fix the problems above first.\n"
-               : is_idle                ? "There is nothing to remove.\n"
-                                        : "",
-               stdout);
+  const bool is_blocked =
+      std::any_of(report.findings.begin(), report.findings.end(),
+                  [](const Finding& f) { return f.severity == Severity::blocks; });
+  if (options.dry_run || status == kUnknown) {
+    return status;
+  }
+  if (status > kKept || (is_blocked && options.yes && !is_idle)) {
+    std::puts("Fix the problems above first.");
+    return kNothingDone;
+  }
+  if (is_idle) {
+    std::puts("There is nothing to remove.");
     return status;
   }
   for (const Finding& finding : report.findings) {
-    if (finding.id.row().kind == StepKind::decide && !finding.next.empty()) {
+    if (finding.severity == Severity::blocks ||
+        (finding.id.row().kind == StepKind::decide && !finding.next.empty())) {
       std::printf("To decide: %s\n", escaped(finding.text).c_str());
     }
   }
@@ -140,15 +143,16 @@ int predict(const Options& options, const std::string& run) {
                 static_cast<double>(fs::file_size(run + kArchive)) / kMegabyte, run.c_str());
   }
   for (const std::string& loss : options.save ? losses : std::vector<std::string>()) {
-    std::printf("Not saved (--no-save continues without it): %s\n", escaped(loss).c_str());
+    std::printf("Not saved%s: %s\n", options.yes ? " (--no-save runs without it)" : "",
+                escaped(loss).c_str());
   }
-  return options.yes && options.save && !losses.empty() ? kNothingDone : status | kGoOn;
+  return options.yes && options.save && !losses.empty() ? kNothingDone : status | kMayRun;
 }
 
-/// Whether whoever sits at the terminal says yes.
+/// Whether the answer at the terminal is yes.
 bool is_confirmed(bool is_saved) {
-  std::printf("Remove the driver stack from this host%s? [y/N] ",
-              is_saved ? "" : ", without a way back");
+  std::printf("Remove the driver stack from this host? %s[y/N] ",
+              is_saved ? "" : "It cannot be undone. ");
   std::fflush(stdout);
   std::string line;
   std::getline(std::cin, line);
@@ -173,7 +177,7 @@ int run_uninstaller(const std::string& run) {
   return child < 0 ? kNotRun : wait_for(child);
 }
 
-/// Writes down what undo may overwrite.
+/// Records the states that undo may overwrite.
 void note_what_is_left(const std::string& run, const Record& record) {
   std::vector<std::string> paths = texts(record, kMade);
   for (const auto& [path, state] : saved_states(record)) {
@@ -186,7 +190,7 @@ void note_what_is_left(const std::string& run, const Record& record) {
   write_new_file(run + kLeft, format_record(left));
 }
 
-/// Runs, and checks the run. What it prints goes to the files of the directory `run`.
+/// Runs the uninstaller and checks the run. All output goes to files in the directory `run`.
 int work(const std::string& run, const Record& record, bool verbose) {
   redirect(STDIN_FILENO, "/dev/null");
   redirect(STDOUT_FILENO, run + kPage);
@@ -212,7 +216,7 @@ int work(const std::string& run, const Record& record, bool verbose) {
   for (const std::string& path : earlier) {
     if (!record.empty() && !lexists(path) && !saved.contains(path)) {
       std::printf("\nRemoved, but neither predicted nor saved: %s\n", escaped(path).c_str());
-      status = std::max(status, kSomethingStays);
+      status = std::max(status, kKept);
     }
   }
   std::fflush(nullptr);
@@ -231,10 +235,11 @@ bool is_unchanged(const Record& record) {
   return changed == saved.end();
 }
 
-/// Runs in a process that neither the end of this one nor that of its terminal ends, and shows what
-/// came of it. Returns the exit status.
+/// Runs in a process that survives this one and its terminal, and shows the result. Returns the
+/// exit status.
 int run_and_show(const std::string& run, const Record& record, bool verbose) {
-  std::puts("Running. Neither Ctrl-C nor the end of this terminal ends the run.\n");
+  std::printf("Running. Ctrl-C or a closed terminal does not stop the run. Its results: %s\n\n",
+              run.c_str());
   std::fflush(nullptr);
   const pid_t worker = fork();
   if (worker == 0) {
@@ -267,10 +272,10 @@ int remove_stack(const Options& options) {
       watched([&] { return predict(options, run); }, kSecondsOfDryRun + kSecondsOfLooks);
   const bool is_saved = lexists(run + kArchive);
   const Record record = is_saved ? read_record(record_of(run + kArchive)) : Record();
-  if (prediction < kGoOn || !(options.yes || is_confirmed(is_saved)) || !is_unchanged(record)) {
+  if (prediction < kMayRun || !(options.yes || is_confirmed(is_saved)) || !is_unchanged(record)) {
     fs::remove_all(run);
     std::puts("The uninstaller was not run.");
-    return prediction < kGoOn ? prediction : kNothingDone;
+    return prediction < kMayRun ? prediction : kNothingDone;
   }
   const int status = run_and_show(run, record, options.verbose);
   delete_old_runs();

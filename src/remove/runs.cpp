@@ -24,7 +24,7 @@ const std::string kRuns = "/var/lib/valta-driver-remove";
 constexpr std::size_t kKeptRuns = 10;
 
 [[noreturn]] void fail_to_make(const std::string& path) {
-  throw std::runtime_error("cannot make " + path + ": " + std::strerror(errno));
+  throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
 }
 
 }  // namespace
@@ -36,7 +36,7 @@ Descriptor lock_runs() {
     fail_to_make(kRuns);
   }
   if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    throw std::runtime_error("another run or undo is still going");
+    throw std::runtime_error("another run or undo is still active");
   }
   return lock;
 }
@@ -68,7 +68,8 @@ std::string find_archive(const std::string& name) {
     runs.pop_back();
   }
   if (runs.empty()) {
-    throw std::runtime_error("no run " + name + (name.empty() ? "" : " ") + "has saved anything");
+    throw std::runtime_error(name.empty() ? "no run has an archive"
+                                          : "the run " + name + " has no archive");
   }
   return kRuns + "/" + runs.back() + "/" + kArchive;
 }

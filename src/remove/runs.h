@@ -6,7 +6,7 @@
 
 namespace valta::inspect::removal {
 
-// Each run has a directory, which is root's alone, with these files:
+// Each run has a directory that only root can read, with these files:
 inline constexpr const char* kArchive = "saved.tar";  ///< what the run removed or changed
 inline constexpr const char* kBefore = "before.json";
 inline constexpr const char* kOutput = "output";    ///< the run's standard output
@@ -15,17 +15,17 @@ inline constexpr const char* kLogCopy = "log";
 inline constexpr const char* kLeft = "left";  ///< what the run left at the paths of the archive
 inline constexpr const char* kPage = "after.txt";
 inline constexpr const char* kAfter = "after.json";
-inline constexpr const char* kUndone = "undone";  ///< there once the run has been undone
+inline constexpr const char* kUndone = "undone";  ///< exists once the run has been undone
 
-/// Makes the directory of the runs, and keeps other runs and undos out while the result lives.
-/// Throws std::runtime_error when there is one.
+/// Creates the directory of the runs, and locks it as long as the result exists. Throws
+/// std::runtime_error if another run or undo is active.
 [[nodiscard]] Descriptor lock_runs();
 
-/// Makes the directory of a new run and returns its path. Throws std::runtime_error.
+/// Creates the directory of a new run and returns its path. Throws std::runtime_error.
 [[nodiscard]] std::string make_run();
 
-/// The archive that `name` means: that of a run, of the last run that has one if it is empty, or a
-/// file, with a "/" in its path. Throws std::runtime_error when there is none.
+/// The archive of the run `name`, or the file `name` if it contains a "/". If `name` is empty, the
+/// archive of the last run that has one. Throws std::runtime_error if there is none.
 [[nodiscard]] std::string find_archive(const std::string& name);
 
 /// Deletes all but the last few runs.

@@ -59,7 +59,7 @@ class Undo {
     }
     for (const auto& [path, state] : saved_) {
       if (!may_be_replaced(path, state)) {
-        objections.push_back(escaped(path) + " is newer than the run.");
+        objections.push_back(escaped(path) + " has changed since the run.");
       }
     }
     return objections;
@@ -93,8 +93,8 @@ class Undo {
   }
 
  private:
-  /// Whether nothing is lost with what is at `path`: it is what the run left or what was saved, or
-  /// what an undo that was cut off had written of it. Every run empties the log.
+  /// Whether the content at `path` may be overwritten: it is what the run left or what was saved,
+  /// or what an interrupted undo had written of it. Every run empties the log.
   [[nodiscard]] bool may_be_replaced(const std::string& path, const std::string& state) const {
     const std::string now = state_of(path);
     const auto left = left_.find(path);
@@ -128,7 +128,7 @@ class Undo {
       const std::string text = escaped(join(line, " "));
       std::printf("  %s\n", text.c_str());
       if (const int status = exit_status_of(line, Printing::silent); status != 0) {
-        troubles_.push_back(text + " ends with status " + std::to_string(status) + ".");
+        troubles_.push_back(text + " ended with status " + std::to_string(status) + ".");
       }
     }
   }
@@ -168,7 +168,7 @@ int undo(const std::string& file, bool force) {
   Undo way_back(file);
   const std::vector<std::string> objections = way_back.objections();
   if (!objections.empty() && !force) {
-    print("Nothing is put back. To put it back anyway, use --force:", objections);
+    print("Nothing was put back, for these reasons (--force ignores them):", objections);
     return kNothingDone;
   }
   std::printf("Putting back %s:\n", file.c_str());

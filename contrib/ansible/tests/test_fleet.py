@@ -570,8 +570,8 @@ def test_undo_puts_back_what_a_run_removed(fleet, resumed, name):
     assert play.hosts["clean"]["outcome"] == "clean"
     # It did not work when it was asked before the run.
     assert play.hosts["halted"]["reason"].startswith('dkms status shows "valta/')
-    assert play.hosts["kept"]["reason"] == "/etc/zephanor/settings is newer than the run."
-    assert play.hosts["tarless"]["reason"] == "no run has saved anything"
+    assert play.hosts["kept"]["reason"] == "/etc/zephanor/settings has changed since the run."
+    assert play.hosts["tarless"]["reason"] == "no run has an archive"
     assert fleet.state("kept") ^ before["kept"] == set()
 
 

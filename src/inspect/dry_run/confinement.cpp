@@ -34,7 +34,7 @@ void drop_privileges() {
   }
   if (syscall(SYS_capset, &header, data.data()) != 0 ||
       prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
-    fail_to("give up privileges");
+    fail_to("drop privileges");
   }
 }
 

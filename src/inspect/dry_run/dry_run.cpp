@@ -22,7 +22,7 @@ class Stream {
   explicit Stream(const std::string& path)
       : path_(path), file_(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {
     if (!file_.is_open()) {
-      fail_to("make " + path);
+      fail_to("create " + path);
     }
   }
 
@@ -47,8 +47,8 @@ std::string megabytes(std::uintmax_t bytes) { return std::to_string(bytes >> 20U
   const Overlay::WrittenFile largest = overlay.largest_file();
   throw NotPossible("the run needs more memory than a dry run may use: " +
                     (printed > largest.size
-                         ? "it prints " + megabytes(printed)
-                         : "its file " + largest.path + " has " + megabytes(largest.size)));
+                         ? "its output has " + megabytes(printed)
+                         : "the file " + largest.path + " has " + megabytes(largest.size)));
 }
 
 void put_stubs_in(const std::string& directory) {

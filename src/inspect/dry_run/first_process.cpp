@@ -40,7 +40,7 @@ struct Message {
 Pipe need_pipe() {
   Pipe pipe = make_pipe();
   if (!pipe.reader.is_open()) {
-    fail_to("get a pipe");
+    fail_to("create a pipe");
   }
   return pipe;
 }

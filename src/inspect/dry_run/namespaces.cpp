@@ -45,11 +45,11 @@ void fail_to(const std::string& tried) {
 
 std::vector<std::string> leave_namespaces() {
   if (unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNET) != 0) {
-    fail_to("get namespaces of its own");
+    fail_to("create namespaces");
   }
   // In a chroot this fails, and mounts would show up outside of it.
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    fail_to("keep its mounts to itself");
+    fail_to("make its mounts private");
   }
   std::vector<std::string> detached = detach_what_must_not_be_touched();
   for (const Mount& mounted : read_mounts()) {

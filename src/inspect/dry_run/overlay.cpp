@@ -85,7 +85,7 @@ void copy_attributes(const struct stat& from, const std::string& to) {
   const std::array<timespec, 2> times = {from.st_atim, from.st_mtim};
   if (chown(to.c_str(), from.st_uid, from.st_gid) != 0 || chmod(to.c_str(), from.st_mode) != 0 ||
       utimensat(AT_FDCWD, to.c_str(), times.data(), 0) != 0) {
-    fail_to("give " + to + " the attributes of its lower layer");
+    fail_to("copy the attributes of the lower layer to " + to);
   }
 }
 
@@ -288,7 +288,7 @@ void Overlay::cover_sockets() const {
 
 void Overlay::enter() const {
   if (unshare(CLONE_NEWNS) != 0) {
-    fail_to("get a mount namespace for the overlay");
+    fail_to("create a mount namespace for the overlay");
   }
   // Read-only, because root can change kernel settings there without any capability.
   mount_or_fail("proc", root_ + "/proc", "proc", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC);
@@ -353,13 +353,13 @@ void Overlay::look_inside() const {
   // It fails harmlessly if it is mounted already.
   static_cast<void>(mount("/proc", (root_ + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr));
   if (chroot(root_.c_str()) != 0 || chdir("/") != 0) {
-    fail_to("look into the overlay");
+    fail_to("enter the overlay");
   }
 }
 
 void Overlay::look_outside() const {
   if (fchdir(host_.get()) != 0 || chroot(".") != 0) {
-    fail_to("look at the host again");
+    fail_to("return to the host");
   }
 }
 

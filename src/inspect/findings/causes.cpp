@@ -32,7 +32,7 @@ void look_at_hanging(const std::vector<std::string>& commands, int timeout, Repo
   for (const std::string& command : commands) {
     // It probably waits for its last argument.
     const std::string last = command.substr(command.rfind(' ') + 1);
-    report.add("hangs", "At that time, the run was waiting for: " + command, command,
+    report.add("hangs", "At the time limit, the dry run was waiting for: " + command, command,
                last.starts_with('/') ? shell_command("ls -l %", {last}) : "");
   }
 }
@@ -94,7 +94,7 @@ void look_at_uncertainty(const std::vector<std::string>& unlike_host,
     if (there > 0) {
       report.add("uncertain",
                  "The dry run did not see " + counted(static_cast<std::size_t>(there), "path") +
-                     " as on the host, so what is predicted for them is uncertain.",
+                     " at " + point + " as on the host, so their prediction is uncertain.",
                  point, shell_command("findmnt -T %", {point}));
     }
   }
@@ -103,7 +103,7 @@ void look_at_uncertainty(const std::vector<std::string>& unlike_host,
 void look_at_log_space(Report& report) {
   if (const std::string place = full_log_directory(); !place.empty()) {
     report.add("log-full",
-               "The file system of the log is full: a run does everything and leaves no record.",
+               "The file system of the log is full: a run does its work, but its log is lost.",
                place, shell_command("df %", {place}));
   }
 }

@@ -73,8 +73,8 @@ void look_at_mounted_configuration(Report& report) {
 void look_at_configuration(Report& report) {
   for (const char* const path : kConfigurationPaths) {
     if (lexists(path)) {
-      report.add("configuration-left", std::string(path) + " is left.", path,
-                 shell_command(is_symlink(path) ? "rm %" : "rm -r %", {path}));
+      add_left("configuration-left", path, path,
+               shell_command(is_symlink(path) ? "rm %" : "rm -r %", {path}), report);
     }
   }
 }

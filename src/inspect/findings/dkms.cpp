@@ -64,9 +64,10 @@ void look_at_dkms_remains(Report& report) {
       continue;  // reported as dkms-tree already
     }
     const std::string sources = kDkmsSourcePrefix + name;
-    report.add("dkms-registered", "DKMS still has valta/" + name + ".", version,
-               shell_command("dkms remove % --all", {"valta/" + name}) +
-                   (is_directory(sources) ? shell_command(" && rm -r %", {sources}) : ""));
+    add_left("dkms-registered", "The DKMS registration of valta/" + name, version,
+             shell_command("dkms remove % --all", {"valta/" + name}) +
+                 (is_directory(sources) ? shell_command(" && rm -r %", {sources}) : ""),
+             report);
   }
   for (const std::string& name : names_in("/usr/src")) {
     const std::string path = "/usr/src/" + name;
@@ -77,8 +78,8 @@ void look_at_dkms_remains(Report& report) {
     }
     report.dkms.push_back({version, DkmsState::sources});
     if (std::find(registered.begin(), registered.end(), version) == registered.end()) {
-      report.add("dkms-sources", "The DKMS sources in " + path + " are left.", path,
-                 shell_command("rm -r %", {path}));
+      add_left("dkms-sources", "The directory " + path + " with DKMS sources", path,
+               shell_command("rm -r %", {path}), report);
     }
   }
   const std::vector<std::string> names = stack_modules();
@@ -87,8 +88,8 @@ void look_at_dkms_remains(Report& report) {
     const std::string name = file.substr(0, file.find('.'));
     if (file.find(".ko") != std::string::npos &&
         std::find(names.begin(), names.end(), name) != names.end()) {
-      report.add("module-built", "The built module " + path + " is left.", path,
-                 shell_command("rm % && depmod %", {path, kernel_of(path)}));
+      add_left("module-built", "The built module " + path, path,
+               shell_command("rm % && depmod %", {path, kernel_of(path)}), report);
     }
   }
 }

@@ -11,6 +11,12 @@ std::string systemctl_command(const std::string& command) {
   return find_in_path_executable("systemctl") ? command : "";
 }
 
+void add_left(FindingId id, const std::string& what, const std::string& where,
+              const std::string& command, Report& report) {
+  const bool before = report.command == Command::before;
+  report.add(id, what + (before ? " would be left." : " is left."), where, before ? "" : command);
+}
+
 void look_at_obstacles(const Installation& installation, Report& report) {
   look_at_active_run(report);
   look_at_odd_log(report);

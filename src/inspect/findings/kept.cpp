@@ -32,20 +32,23 @@ std::size_t count_kept(const Report& report, KeptReason reason) {
 void explain_shared(const Installation& installation, Report& report) {
   if (const auto shared = count_kept(report, KeptReason::toolkit); shared > 0) {
     const std::string marker = installation.root + "/" + kToolkitMarker;
-    report.add("shared-kept",
-               "Kept for the toolkit: " + counted(shared, "shared path") +
-                   " of the manifest. To delete them, uninstall the toolkit.",
-               marker, shell_command("ls -l %", {marker}));
+    report.add(
+        "shared-kept",
+        "A run keeps " + counted(shared, "shared path") +
+            " of the manifest for the toolkit. To delete shared paths, uninstall the toolkit.",
+        marker, shell_command("ls -l %", {marker}));
   }
   if (const auto shared = count_kept(report, KeptReason::program); shared > 0) {
     const std::string program = installed_program(installation);
     if (!path_exists(program)) {
       return;
     }
-    report.add("program-kept",
-               "Kept for the installed copy of the program: " + counted(shared, "shared path") +
-                   " of the manifest. Move the copy away and run the program again.",
-               program, shell_command("mv % /root/", {program}));
+    report.add(
+        "program-kept",
+        "A run keeps " + counted(shared, "shared path") +
+            " of the manifest for the installed copy of the uninstaller. Move the copy away" +
+            (report.command == Command::before ? "." : " and run the uninstaller again."),
+        program, shell_command("mv % /root/", {program}));
   }
 }
 
@@ -67,7 +70,7 @@ bool explained_by_manifest(const std::string& recorded, const Report& report) {
 void explain_unit_file(const std::string& path, Report& report) {
   const bool is_before = report.command == Command::before;
   report.add("unit-changed",
-             path + " was changed, or has no digest, so it is kept. Its unit " +
+             path + " was changed, or has no digest, so a run keeps it. Its unit " +
                  (is_before ? "would be" : "is") + " disabled and stopped.",
              path, copy_and_delete(path) + systemctl_command(" && systemctl daemon-reload"));
 }
@@ -82,7 +85,7 @@ void explain_file(Kept& kept, const std::string& recorded, Report& report) {
       const char* const cause = !find_in_path_executable("md5sum") ? "there is no md5sum"
                                 : !is_md5(recorded) ? "the manifest has no MD5 digest for it"
                                                     : "md5sum cannot read it";
-      report.add("file-not-compared", path + " is kept because " + cause + ".", path,
+      report.add("file-not-compared", "A run keeps " + path + " because " + cause + ".", path,
                  shell_command("ls -l %", {path}));
     }
   } else if (digest == recorded) {
@@ -90,12 +93,12 @@ void explain_file(Kept& kept, const std::string& recorded, Report& report) {
     report.add("file-unchanged",
                path + " is unchanged, but a run cannot compare it because " +
                    (complaint.empty() ? "of its name" : "md5sum prints \"" + complaint + "\"") +
-                   ", so it is kept.",
+                   ", and keeps it.",
                path, shell_command("rm %", {path}));
   } else {
     kept.reason = KeptReason::changed;
-    report.add("file-changed", path + " was changed since its installation, so it is kept.", path,
-               copy_and_delete(path));
+    report.add("file-changed", path + " was changed since its installation, so a run keeps it.",
+               path, copy_and_delete(path));
   }
 }
 
@@ -110,20 +113,24 @@ bool holds_only_kept(const std::string& directory, const std::set<std::string>& 
 void explain_directory(const std::string& path, const std::set<std::string>& kept, Report& report) {
   const std::vector<std::string> inside = names_in(path);
   if (!holds_only_kept(path, kept)) {
-    report.add("directory-stays", path + " is kept because it holds " + some_of(inside) + ".", path,
+    report.add("directory-stays",
+               "A run keeps " + path + " because it holds " + some_of(inside) + ".", path,
                shell_command("ls -lA %", {path}));
   } else {
-    report.add("directory-empty",
-               path + (inside.empty() ? " is empty."
-                                      : " is empty once " + some_of(inside) + " is deleted."),
-               path, shell_command("rmdir %", {path}));
+    add_left("directory-empty",
+             inside.empty() ? "The empty directory " + path
+                            : path + ", which holds only " + some_of(inside) + ",",
+             path, shell_command("rmdir %", {path}), report);
   }
 }
 
 void explain_left(const std::string& path, Report& report) {
   report.add("manifest-left",
-             path + " is left: it is not of the type of its entry, or was created later.", path,
-             shell_command("ls -ld %", {path}));
+             path + (report.command == Command::before
+                         ? " would be left: its type differs from that of its entry."
+                         : " is left: its type differs from that of its entry, or it was created "
+                           "after the run."),
+             path, shell_command("ls -ld %", {path}));
 }
 
 }  // namespace

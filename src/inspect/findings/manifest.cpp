@@ -57,7 +57,7 @@ std::string reason_to_stop(const ManifestEntry& entry) {
     return entry.type.empty() ? "is empty" : "has the unknown type " + entry.type;
   }
   return target == EntryTarget::directory && is_odd_directory(entry.path)
-             ? "names a directory that is not one"
+             ? "names a path that is not a directory"
              : "";
 }
 
@@ -155,7 +155,7 @@ void look_at_order(const Installation& installation, Report& report) {
         "dkms-order",
         "Line " + std::to_string(sources) +
             " of the manifest deletes the DKMS sources before line " + std::to_string(dkms) +
-            " has DKMS remove the module.",
+            " removes the module from DKMS.",
         place_of(dkms),
         shell_command("sed -i -e '/^DKMS /d' -e '1i DKMS valta ' %", {kUninstallManifestPath}));
   }
@@ -209,7 +209,7 @@ void look_at_manifest_as_a_whole(const Installation& installation, Report& repor
   } else if (has_upper_case_digest(installation)) {
     report.add(
         "manifest-digests",
-        "Digests of the manifest have upper-case digits, so their files count as changed.",
+        "Digests in the manifest are in upper case, so their files count as changed.",
         kUninstallManifestPath,
         shell_command(R"(sed -i -E 's/ [0-9A-Fa-f]{32}$/\L&/' %)", {kUninstallManifestPath}));
   }

@@ -55,11 +55,12 @@ void look_at_active_run(Report& report) {
 void look_at_unfinished(const Installation& installation, Report& report) {
   const std::vector<std::string> left = work_left(installation, report);
   if (!left.empty()) {
-    report.add("run-again",
-               "The run left " + join(left, ", ") + ". Fix the cause, then run the program again.",
-               kUninstallManifestPath,
-               shell_command("env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root %",
-                             {program_to_run(installation)}));
+    report.add(
+        "run-again",
+        "The run left " + join(left, ", ") + ". Fix the cause, then run the uninstaller again.",
+        kUninstallManifestPath,
+        shell_command("env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root %",
+                      {program_to_run(installation)}));
   }
 }
 

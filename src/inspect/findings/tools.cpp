@@ -31,7 +31,7 @@ constexpr std::array<Tool, 8> kTools = {{
     {"depmod", "kmod", Severity::blocks, "the module dependency data is not refreshed"},
     {"systemctl", "systemd", Severity::blocks, "the first SERVICE entry ends a run"},
     {"systemd-escape", "systemd", Severity::note, "the slices of templates are not stopped"},
-    {"dkms", "dkms", Severity::keeps, "the versions of the module stay in DKMS"},
+    {"dkms", "dkms", Severity::keeps, "the versions of the module are left in DKMS"},
 }};
 
 constexpr std::array<const char*, 6> kSystemDirectories = {
@@ -54,7 +54,7 @@ void look_at_missing_tools(const Installation& installation, Report& report) {
   for (const Tool& tool : kTools) {
     if (is_needed(tool, installation) && !find_in_path_executable(tool.name)) {
       report.add("tool-missing", tool.severity,
-                 std::string("There is no ") + tool.name + ": " + tool.without +
+                 std::string(tool.name) + " is not in PATH: " + tool.without +
                      ". Install the package " + tool.package + ".",
                  tool.name, shell_command("command -v %", {tool.name}));
     }
@@ -63,8 +63,8 @@ void look_at_missing_tools(const Installation& installation, Report& report) {
     const std::string directory = fs::path(unit_file_path("any")).parent_path();
     // With FILE entries, a run still deletes unchanged unit files.
     report.add("systemd-missing",
-               "systemd does not run, so the first SERVICE entry ends a run. Make them "
-               "FILE entries of their unit files.",
+               "systemd is not running, so the first SERVICE entry ends a run. Change the SERVICE "
+               "entries to FILE entries of their unit files.",
                kUninstallManifestPath,
                shell_command("sed -i.bak -E % %",
                              {"s,^SERVICE ([^ @]+@?)[^ ]* ,FILE " + directory + "/\\1.service ,",
@@ -78,7 +78,7 @@ void look_at_odd_tools(const Installation& installation, Report& report) {
     if (is_needed(tool, installation) && !place.empty() &&
         !is_system_directory(fs::path(place).parent_path())) {
       report.add("tool-odd",
-                 std::string("The first ") + tool.name + " in PATH is not the system's.", place,
+                 std::string(tool.name) + " in PATH is not in a directory of the system.", place,
                  shell_command("ls -l %", {place}));
     }
   }

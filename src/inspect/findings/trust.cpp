@@ -25,10 +25,12 @@ void look_at_trust(Report& report) {
       if (std::find(seen.begin(), seen.end(), part) == seen.end() &&
           stat(part.c_str(), &status) == 0 &&
           (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
-        report.add("trust",
-                   "Users other than root may write to " + part.string() +
-                       ", which controls what root deletes.",
-                   part, shell_command("ls -ld %", {part.string()}));
+        report.add(
+            "trust",
+            "Users other than root may write to " + part.string() +
+                (S_ISDIR(status.st_mode) ? " and so replace a file that controls what root deletes."
+                                         : ", which controls what root deletes."),
+            part, shell_command("ls -ld %", {part.string()}));
       }
       seen.push_back(part);
       if (!part.has_relative_path()) {

@@ -55,7 +55,8 @@ void look_at_unit_file(const std::string& unit, const std::string& file, Report&
     report.add(
         "unit-generated",
         "systemd generates " + unit + (source.empty() ? "" : " from " + source) +
-            ", so it still knows it after a run. Remove what it is generated from.",
+            ", so it still knows " + unit + " after a run. Remove " +
+            (source.empty() ? "its source" : source) + ".",
         file, source.empty() ? shell_command("cat %", {file}) : shell_command("ls -l %", {source}));
   } else {
     report.add("unit-copied",
@@ -153,8 +154,8 @@ void look_at_unit_links(const Installation& installation, Report& report) {
         });
     if (is_ours && is_symlink(path) && unit_files(name).empty()) {
       const std::string stop = systemctl_command(shell_command("systemctl stop %; ", {name}));
-      report.add("unit-link", "A link to the removed unit " + name + " is left.", path,
-                 stop + shell_command("rm %", {path}));
+      add_left("unit-link", "A link to the removed unit " + name, path,
+               stop + shell_command("rm %", {path}), report);
     }
   }
 }

@@ -7,7 +7,7 @@
 namespace valta::inspect {
 
 enum class Severity {
-  blocks,  ///< a run does not succeed, or not wholly
+  blocks,  ///< a run fails, does only a part of its work, or leaves no record of it
   keeps,   ///< something is left that a run could have removed
   note,    ///< worth knowing
 };
@@ -18,7 +18,7 @@ enum class ToldBy { before, after, both };
 /// How sure the command of a finding is.
 enum class StepKind {
   look,    ///< it changes nothing
-  mend,    ///< it is right whenever the finding is
+  mend,    ///< it fixes the problem, and nothing has to be decided
   decide,  ///< it deletes or changes something that a person may want
 };
 
@@ -69,18 +69,18 @@ inline constexpr auto kFindingTable = std::to_array<FindingRow>({
     {"file-unchanged", Severity::keeps, StepKind::mend, ToldBy::both,
      "A run cannot compare a file because of its name, so the file is kept; it is unchanged."},
     {"hangs", Severity::blocks, StepKind::look, ToldBy::before,
-     "The dry run was ended while it waited for this command."},
+     "The dry run was ended while it waited for a command."},
     {"initrd-holds", Severity::note, StepKind::mend, ToldBy::both,
      "The initial ramdisk of the running kernel holds a module of the stack, and a run does not "
      "rebuild it."},
     {"log-full", Severity::blocks, StepKind::look, ToldBy::both,
-     "The file system of the log is full: a run does everything and leaves no record."},
+     "The file system of the log is full: a run does its work, but its log is lost."},
     {"log-odd", Severity::blocks, StepKind::mend, ToldBy::both,
      "The log is a link: a run overwrites the file that it points to."},
     {"log-refused", Severity::blocks, StepKind::look, ToldBy::before,
      "The log cannot be opened for writing, so a run does nothing."},
     {"manifest-digests", Severity::keeps, StepKind::mend, ToldBy::both,
-     "Digests of the manifest have upper-case digits, so their files count as changed."},
+     "Digests in the manifest are in upper case, so their files count as changed."},
     {"manifest-format", Severity::blocks, StepKind::mend, ToldBy::both,
      "The manifest has carriage returns or tabs, which become part of names and digests."},
     {"manifest-left", Severity::keeps, StepKind::look, ToldBy::both,
@@ -90,7 +90,7 @@ inline constexpr auto kFindingTable = std::to_array<FindingRow>({
     {"manifest-missing", Severity::blocks, StepKind::decide, ToldBy::both,
      "The stack is installed, but the manifest is missing, empty, or not a regular file."},
     {"manifest-type", Severity::blocks, StepKind::decide, ToldBy::both,
-     "A run stops at a line of the manifest that it cannot act upon."},
+     "A run stops at a line of the manifest that it cannot process."},
     {"module-built", Severity::keeps, StepKind::mend, ToldBy::both,
      "A built module is left below /lib/modules."},
     {"module-held", Severity::blocks, StepKind::decide, ToldBy::both,
@@ -108,19 +108,19 @@ inline constexpr auto kFindingTable = std::to_array<FindingRow>({
     {"mount-silent", Severity::blocks, StepKind::look, ToldBy::both,
      "A file system does not answer."},
     {"program-kept", Severity::keeps, StepKind::mend, ToldBy::both,
-     "Shared paths are kept for the installed copy of the program."},
+     "Shared paths are kept for the installed copy of the uninstaller."},
     {"read-only", Severity::blocks, StepKind::look, ToldBy::both,
      "A path cannot be deleted because its file system is read-only."},
     {"removal-fails", Severity::blocks, StepKind::look, ToldBy::both, "A path cannot be deleted."},
     {"run-active", Severity::blocks, StepKind::look, ToldBy::both, "The uninstaller is running."},
     {"run-again", Severity::keeps, StepKind::mend, ToldBy::after,
-     "The run did not do all of its work: run the program again once the cause is fixed."},
+     "The run did not do all of its work: run the uninstaller again once the cause is fixed."},
     {"run-fails", Severity::blocks, StepKind::look, ToldBy::both,
      "A run fails, and the reason is in its log."},
     {"shared-kept", Severity::keeps, StepKind::look, ToldBy::both,
      "Shared paths are kept for the toolkit."},
     {"systemd-missing", Severity::blocks, StepKind::mend, ToldBy::both,
-     "systemd does not run, so the first SERVICE entry ends a run."},
+     "systemd is not running, so the first SERVICE entry ends a run."},
     {"tool-missing", Severity::blocks, StepKind::look, ToldBy::both,
      "A tool that a run calls is not in PATH."},
     {"tool-odd", Severity::note, StepKind::look, ToldBy::before,
@@ -138,7 +138,7 @@ inline constexpr auto kFindingTable = std::to_array<FindingRow>({
      "A unit has a file in another directory than that of the installation, so systemd still knows "
      "it after a run."},
     {"unit-generated", Severity::blocks, StepKind::look, ToldBy::both,
-     "systemd generates a unit, so it still knows it after a run."},
+     "systemd generates a unit, so it still knows the unit after a run."},
     {"unit-instance", Severity::keeps, StepKind::decide, ToldBy::both,
      "An instance of a template is enabled or runs, and has no line in the manifest."},
     {"unit-known", Severity::keeps, StepKind::look, ToldBy::after,
@@ -155,7 +155,7 @@ inline constexpr auto kFindingTable = std::to_array<FindingRow>({
      "A unit refuses to be stopped by hand, so systemd still knows it after a run."},
     {"unit-template", Severity::blocks, StepKind::mend, ToldBy::both,
      "A SERVICE entry names a template without an instance, so its instances keep running."},
-    {"unseen", Severity::note, StepKind::decide, ToldBy::before,
+    {"unseen", Severity::note, StepKind::mend, ToldBy::before,
      "A path is deleted even if it was changed."},
 });
 static_assert(std::is_sorted(kFindingTable.begin(), kFindingTable.end(),

@@ -123,9 +123,9 @@ Verdict check_success(const RunRecord& run, const std::string& log,
   const auto loaded = count(log, kLoaded);
   const auto unloaded = count(log, kUnloaded);
   if (loaded != unloaded) {
-    return {
-        Outcome::failed,
-        "the driver was unloaded before the run could do it, so its files are left; run it again"};
+    return {Outcome::failed,
+            "the driver was unloaded before the run could do it, so its files are left; run the "
+            "uninstaller again"};
   }
   if (const auto caught = all_between(lines, kDirectoryFailed, ""); !caught.empty()) {
     return {Outcome::failed, "a directory could not be removed: " + caught.front()};
@@ -171,9 +171,9 @@ Verdict check_by_log(const RunRecord& run, const std::vector<std::string>& lines
     return {Outcome::unknown, "two runs wrote to the log at the same time"};
   }
   if (lines.empty() || !lines.back().ends_with(std::string(kClosing) + kLogPath)) {
-    return {
-        Outcome::unfinished,
-        "the log has no last line: the run is still going, was interrupted, or could not write"};
+    return {Outcome::unfinished,
+            "the log has no closing line: the run is still active, was interrupted, or could not "
+            "write"};
   }
   if (contains(log, kUtilitiesMissing)) {
     return {Outcome::nothing_done, first_error(lines, run, report)};

@@ -76,15 +76,16 @@ std::string headline(const Report& report) {
   const std::string run = before ? "a run now" : "the last run";
   const std::string status = report.status ? " with status " + std::to_string(*report.status) : "";
   const std::string ends = run + (before ? " would end" : " ended") + status;
-  const std::string keeps = ends + (before ? " and keep " : " and kept ");
+  const std::string and_it = before || report.status ? ends + " and " : run + " ";
+  const std::string keeps = and_it + (before ? "keep " : "kept ");
   switch (report.outcome) {
     case Outcome::done:
-      return ends + (before ? " and remove " : " and removed ") +
+      return and_it + (before ? "remove " : "removed ") +
              (report.kept.empty() ? "all of the manifest"
               : before            ? "everything that it can"
                                   : "everything that it could");
     case Outcome::clean:
-      return ends + (before ? " and find nothing to remove" : " and found nothing to remove");
+      return and_it + (before ? "find nothing to remove" : "found nothing to remove");
     case Outcome::kept:
       return keeps + "changed files";
     case Outcome::shared:
@@ -92,13 +93,16 @@ std::string headline(const Report& report) {
     case Outcome::busy:
       return ends + " because a module is in use";
     case Outcome::failed:
-      return ends + (report.status != 0 ? ""
-                     : before           ? ", but part of its work would fail"
-                                        : ", but part of its work failed");
+      return !report.status ? run + " failed"
+             : report.status != 0
+                 ? ends
+                 : ends + ", but part of its work " + (before ? "would fail" : "failed");
     case Outcome::nothing_done:
       return ends + " without doing anything";
     case Outcome::unfinished:
-      return run + (before ? " would not finish" : " did not finish");
+      return run + (!before         ? " did not finish"
+                    : report.status ? " would leave no complete log"
+                                    : " would not finish");
     case Outcome::unknown:
       break;
   }
@@ -160,11 +164,11 @@ std::string totals(const Report& report) {
   }
   return (before ? "Would be removed: " : "Removed: ") +
          (removed.empty() ? "nothing" : join(removed, ", ")) + " of the manifest" +
-         (!before      ? ", and paths that are not logged"
-          : others > 0 ? ", and " + counted(others, "other path")
-                       : "") +
+         (others > 0 ? ", and " + counted(others, "path") + " that the manifest does not list"
+                     : "") +
          (before ? ". Would be kept or left: " : ". Kept or left: ") +
          counted(report.kept.size(), "path") + " of the manifest." +
+         (before ? "" : " The log does not list all removed paths.") +
          (report.unloaded.empty()
               ? ""
               : (before ? " Modules that would be unloaded: " : " Modules unloaded: ") +
@@ -190,7 +194,8 @@ void print_text(const Report& report, bool verbose) {
   print_findings(page, report, Severity::blocks, "Problems that block a run");
   print_findings(page, report, Severity::keeps, before ? "Would be kept or left" : "Kept or left");
   print_findings(page, report, Severity::note, "Notes");
-  if (succeeds(report.outcome) || report.outcome == Outcome::failed) {
+  if ((succeeds(report.outcome) && report.outcome != Outcome::clean) ||
+      report.outcome == Outcome::failed) {
     std::puts("");
     page.paragraph(totals(report), 0);
   }

@@ -262,7 +262,7 @@ class Play:
         elif files["stderr"] and not runs:
             outcome, reason = "unknown", words
         elif not saved and (check or status == "2"):
-            outcome, reason = ("nothing-done", "no run has saved anything") if runs else (
+            outcome, reason = ("nothing-done", "no run has an archive") if runs else (
                 "clean", "there is no run to undo")
         elif check or status == "0":
             outcome, reason = "undone", "run " + saved[-1]
