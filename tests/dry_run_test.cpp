@@ -171,12 +171,12 @@ TEST_F(DryRun, OpensNoDoorToTheHost) {
   const rlimit any_size = {RLIM_INFINITY, RLIM_INFINITY};
   const rlimit small_files = {512, RLIM_INFINITY};
   setrlimit(RLIMIT_FSIZE, &small_files);
-  const Inspection foretold = host.inspect("before --program /probe");
+  const Inspection predicted = host.inspect("before --program /probe");
   setrlimit(RLIMIT_FSIZE, &any_size);
   setrlimit(RLIMIT_NOFILE, &files);
   shmctl(memory, IPC_RMID, nullptr);
 
-  EXPECT_EQ(foretold.report["output"], "29 doors tried\n");
+  EXPECT_EQ(predicted.report["output"], "29 doors tried\n");
   for (const Listener* const listener : {&systemd, &in_file_system, &in_network, &mounted}) {
     EXPECT_FALSE(listener->was_called());
   }
@@ -186,7 +186,7 @@ TEST_F(DryRun, OpensNoDoorToTheHost) {
   }
   std::filesystem::remove_all(elsewhere);
   // The log is of an earlier run.
-  EXPECT_EQ(foretold.report["outcome"], "unknown");
+  EXPECT_EQ(predicted.report["outcome"], "unknown");
 }
 
 TEST_F(DryRun, CrossesFileSystemsAndSaysWhereItCannot) {
@@ -206,23 +206,23 @@ TEST_F(DryRun, CrossesFileSystemsAndSaysWhereItCannot) {
   host.manifest({"FILE /o:d,d/file " + kEmpty, "FILE /tmp/file " + kEmpty,
                  "FILE /two/file " + kEmpty, "FILE /one/file x", "FILE /dev/file x",
                  "FILE /deep/file " + kEmpty});
-  const Inspection foretold = host.inspect("before");
-  EXPECT_EQ(foretold.report["status"], 141);
-  EXPECT_EQ(foretold.report["outcome"], "unfinished");
-  EXPECT_EQ(all_of(foretold.report["removed"], "path"),
+  const Inspection predicted = host.inspect("before");
+  EXPECT_EQ(predicted.report["status"], 141);
+  EXPECT_EQ(predicted.report["outcome"], "unfinished");
+  EXPECT_EQ(all_of(predicted.report["removed"], "path"),
             (Names{"/o:d,d/file", "/one/file", "/tmp/file", "/two/file"}));
-  EXPECT_EQ(all_of(foretold.report["findings"], "id"),
+  EXPECT_EQ(all_of(predicted.report["findings"], "id"),
             (Names{"entry-outside", "log-full", "read-only", "uncertain"}));
 }
 
 TEST_F(DryRun, EndsARehearsalThatHangsAndSaysOnWhat) {
   host.sh("mkfifo /fifo");
   host.manifest({"FILE /fifo x"});
-  const Inspection foretold = host.inspect("before --timeout 1");
-  EXPECT_EQ(foretold.status, 2);
-  EXPECT_EQ(foretold.report["outcome"], "unfinished");
-  EXPECT_THAT(all_of(foretold.report["findings"], "id"), Contains("hangs"));
-  EXPECT_THAT(all_of(foretold.report["findings"], "where"), Contains(HasSubstr("md5sum /fifo")));
+  const Inspection predicted = host.inspect("before --timeout 1");
+  EXPECT_EQ(predicted.status, 2);
+  EXPECT_EQ(predicted.report["outcome"], "unfinished");
+  EXPECT_THAT(all_of(predicted.report["findings"], "id"), Contains("hangs"));
+  EXPECT_THAT(all_of(predicted.report["findings"], "where"), Contains(HasSubstr("md5sum /fifo")));
 }
 
 TEST_F(DryRun, WaitsForNoFileSystemThatDoesNotAnswer) {
@@ -233,16 +233,16 @@ TEST_F(DryRun, WaitsForNoFileSystemThatDoesNotAnswer) {
   const DeadFileSystem dead(host.outside("/dead"));
   const Descriptor held(open(host.outside("/dead").c_str(), O_PATH));
   EXPECT_LT(seconds_of([&] {
-              const Inspection foretold = host.inspect("before --timeout 5");
-              EXPECT_EQ(all_of(foretold.report["removed"], "path"), Names{"/file"});
-              EXPECT_THAT(all_of(foretold.report["findings"], "where"), Contains("/dead"));
+              const Inspection predicted = host.inspect("before --timeout 5");
+              EXPECT_EQ(all_of(predicted.report["removed"], "path"), Names{"/file"});
+              EXPECT_THAT(all_of(predicted.report["findings"], "where"), Contains("/dead"));
             }),
             5);
   EXPECT_LT(seconds_of([&] {
-              const Inspection judged = host.inspect("after --timeout 1");
-              EXPECT_EQ(judged.status, 3);
-              EXPECT_EQ(all_of(judged.report["findings"], "id"), Names{"mount-silent"});
-              EXPECT_EQ(all_of(judged.report["findings"], "where"), Names{"/dead"});
+              const Inspection checked = host.inspect("after --timeout 1");
+              EXPECT_EQ(checked.status, 3);
+              EXPECT_EQ(all_of(checked.report["findings"], "id"), Names{"mount-silent"});
+              EXPECT_EQ(all_of(checked.report["findings"], "where"), Names{"/dead"});
             }),
             6);
 }
@@ -252,10 +252,10 @@ TEST_F(DryRun, MountsNothing) {
   host.sh("mkdir /auto");
   host.manifest({"FILE /auto/file " + kEmpty});
   const Automount automount(host.outside("/auto"));
-  const Inspection foretold = host.inspect("before");
+  const Inspection predicted = host.inspect("before");
   EXPECT_FALSE(automount.was_asked());
-  EXPECT_EQ(foretold.report["status"], 0);
-  EXPECT_THAT(all_of(foretold.report["findings"], "where"), Contains("/auto"));
+  EXPECT_EQ(predicted.report["status"], 0);
+  EXPECT_THAT(all_of(predicted.report["findings"], "where"), Contains("/auto"));
 }
 
 TEST_F(DryRun, ReadsRegularFilesOnly) {
@@ -285,9 +285,9 @@ TEST_F(DryRun, TakesMoreMountsThanFilesMayBeOpen) {
   getrlimit(RLIMIT_NOFILE, &files);
   const rlimit few_files = {64, files.rlim_max};
   setrlimit(RLIMIT_NOFILE, &few_files);
-  const Inspection foretold = host.inspect("before");
+  const Inspection predicted = host.inspect("before");
   setrlimit(RLIMIT_NOFILE, &files);
-  EXPECT_EQ(all_of(foretold.report["removed"], "path"), Names{"/many/8/8/file"});
+  EXPECT_EQ(all_of(predicted.report["removed"], "path"), Names{"/many/8/8/file"});
 }
 
 /// A control group of its own for this process and its children, with a limit of memory.
@@ -343,9 +343,9 @@ TEST_F(DryRun, FillsNoMemoryThatOthersNeed) {
   for (const std::string fills :
        {"while :; do printf %010000d 1; done", "while :; do printf %010000d 1; done >/var/flood"}) {
     host.sh("tool /usr/sbin/dkms '" + fills + "'");
-    const Inspection foretold = host.inspect("before --program /usr/sbin/dkms");
-    EXPECT_EQ(foretold.status, 3);
-    EXPECT_THAT(std::string(foretold.report["reason"]),
+    const Inspection predicted = host.inspect("before --program /usr/sbin/dkms");
+    EXPECT_EQ(predicted.status, 3);
+    EXPECT_THAT(std::string(predicted.report["reason"]),
                 HasSubstr(fills.ends_with("done") ? "its output" : "/var/flood"));
   }
   EXPECT_EQ(waitpid(bystander, nullptr, WNOHANG), 0);
@@ -355,8 +355,8 @@ TEST_F(DryRun, FillsNoMemoryThatOthersNeed) {
 
 TEST_F(DryRun, ListsWhatWasInADirectoryThatIsMadeAnew) {
   host.sh("file /a/x; file /a/b/y; tool /usr/sbin/dkms 'rm -r /a; mkdir -p /a/b'");
-  const Inspection foretold = host.inspect("before --program /usr/sbin/dkms");
-  EXPECT_EQ(all_of(foretold.report["removed"], "path"), (Names{"/a/b/y", "/a/x"}));
+  const Inspection predicted = host.inspect("before --program /usr/sbin/dkms");
+  EXPECT_EQ(all_of(predicted.report["removed"], "path"), (Names{"/a/b/y", "/a/x"}));
 }
 
 TEST_F(DryRun, LeavesNothingBehindWhenKilled) {

@@ -32,52 +32,53 @@ Names paths_gone(const Listing& before, const Listing& after) {
   return paths;
 }
 
-class Foretells : public Inspect, public testing::WithParamInterface<Situation> {};
+class Predicts : public Inspect, public testing::WithParamInterface<Situation> {};
 
-TEST_P(Foretells, TheRunAndChangesNothing) {
+TEST_P(Predicts, TheRunAndChangesNothing) {
   meet(GetParam(), host);
   const auto before = host.listing();
-  const Inspection foretold = host.inspect("before");
+  const Inspection predicted = host.inspect("before");
   EXPECT_EQ(only_in(host.listing(), before), Names());
 
   const Outcome run = host.run();
-  EXPECT_EQ(foretold.report["status"], run.status);
-  EXPECT_EQ(foretold.report["console"], run.console);
-  EXPECT_EQ(foretold.report["output"], run.output);
-  EXPECT_EQ(foretold.report["log"], run.log);
-  EXPECT_EQ(all_of(foretold.report["removed"], "path"), paths_gone(before, host.listing()));
-  EXPECT_EQ(foretold.report["outcome"], GetParam().outcome);
+  EXPECT_EQ(predicted.report["status"], run.status);
+  EXPECT_EQ(predicted.report["console"], run.console);
+  EXPECT_EQ(predicted.report["output"], run.output);
+  EXPECT_EQ(predicted.report["log"], run.log);
+  EXPECT_EQ(all_of(predicted.report["removed"], "path"), paths_gone(before, host.listing()));
+  EXPECT_EQ(predicted.report["outcome"], GetParam().outcome);
   if (!GetParam().finding.empty()) {
-    EXPECT_THAT(all_of(foretold.report["findings"], "id"), Contains(GetParam().finding));
+    EXPECT_THAT(all_of(predicted.report["findings"], "id"), Contains(GetParam().finding));
   } else if (GetParam().outcome == "done") {
-    EXPECT_EQ(foretold.status, 0);
+    EXPECT_EQ(predicted.status, 0);
   }
   if (run.log.find("failed in removing.") != std::string::npos) {
     // Paths that a stopped run leaves are no findings: the next run may remove them.
-    EXPECT_FALSE(all_of(foretold.report["findings"], "id").contains("manifest-left"));
+    EXPECT_FALSE(all_of(predicted.report["findings"], "id").contains("manifest-left"));
   }
 
   // The outcome after the run is the predicted one.
-  const Inspection judged = host.inspect("after --status " + std::to_string(run.status));
-  EXPECT_EQ(judged.report["outcome"], GetParam().outcome);
+  const Inspection checked = host.inspect("after --status " + std::to_string(run.status));
+  EXPECT_EQ(checked.report["outcome"], GetParam().outcome);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, Foretells, testing::ValuesIn(situations_of_hosts()),
+INSTANTIATE_TEST_SUITE_P(Each, Predicts, testing::ValuesIn(situations_of_hosts()),
                          testing::PrintToStringParamName());
 
 TEST_F(Inspect, FindsNothingButTheChangedFileInTheSample) {
   host.install_sample();
   const auto before = host.listing();
-  const Inspection foretold = host.inspect("before");
-  EXPECT_EQ(foretold.status, 1);
-  EXPECT_EQ(all_of(foretold.report["findings"], "id"),
+  const Inspection predicted = host.inspect("before");
+  EXPECT_EQ(predicted.status, 1);
+  EXPECT_EQ(all_of(predicted.report["findings"], "id"),
             (Names{"file-changed", "directory-empty", "unseen"}));
-  EXPECT_EQ(foretold.report["unloaded"], nlohmann::json({"zvrfs", "zvr_peer_mem_drv", "zephanor"}));
+  EXPECT_EQ(predicted.report["unloaded"],
+            nlohmann::json({"zvrfs", "zvr_peer_mem_drv", "zephanor"}));
   host.run();
-  EXPECT_EQ(all_of(foretold.report["removed"], "path"), paths_gone(before, host.listing()));
-  const Inspection judged = host.inspect("after --status 0");
-  EXPECT_EQ(judged.status, 1);
-  EXPECT_EQ(all_of(judged.report["findings"], "id"), (Names{"file-changed", "directory-empty"}));
+  EXPECT_EQ(all_of(predicted.report["removed"], "path"), paths_gone(before, host.listing()));
+  const Inspection checked = host.inspect("after --status 0");
+  EXPECT_EQ(checked.status, 1);
+  EXPECT_EQ(all_of(checked.report["findings"], "id"), (Names{"file-changed", "directory-empty"}));
 }
 
 TEST_F(Inspect, PrintsThePagesOfTheSample) {
@@ -126,12 +127,12 @@ TEST_F(Inspect, KeepsItsContractWithScripts) {
       "file /lib/systemd/system/u.service; : >/run/systemd/units/invocation:u.service");
   std::ofstream(host.outside("/opt/format")) << "\n";  // executable, and in no format
   host.manifest({"FILE /opt/\xff " + kEmpty, "SERVICE u " + kEmpty});
-  const Inspection foretold = host.inspect("before");
-  EXPECT_EQ(foretold.status, 1);
-  EXPECT_EQ(foretold.report["kept"][0]["path"], "/opt/\uFFFD");
-  EXPECT_EQ(foretold.report["services"].dump(),
+  const Inspection predicted = host.inspect("before");
+  EXPECT_EQ(predicted.status, 1);
+  EXPECT_EQ(predicted.report["kept"][0]["path"], "/opt/\uFFFD");
+  EXPECT_EQ(predicted.report["services"].dump(),
             R"([{"state":"disabled","unit":"u"},{"state":"stopped","unit":"u"}])");
-  EXPECT_THAT(foretold.report["written"], Contains(kLogPath));
+  EXPECT_THAT(predicted.report["written"], Contains(kLogPath));
   const Inspection refused = host.inspect("before --program /opt/format");
   EXPECT_EQ(refused.status, 3);
   EXPECT_EQ(refused.report["outcome"], "unknown");

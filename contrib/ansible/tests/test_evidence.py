@@ -333,7 +333,7 @@ def test_host_whose_own_steps_fail_is_not_done(controller):
     assert controller.collect({"a": DONE, "b": BUSY}, "0", after=after).stop
     hosts = controller.report().hosts
     assert (hosts["a"]["outcome"], hosts["b"]["outcome"]) == ("failed", "busy")
-    assert hosts["a"]["reason"] == "done; the steps after it failed: scontrol: no slurmctld"
+    assert hosts["a"]["reason"] == "done; the site tasks after it failed: scontrol: no slurmctld"
 
 
 def test_paths_are_checked_before_anything_happens(controller, tmp_path):

@@ -339,7 +339,7 @@ def test_own_steps_that_fail(fleet, name, monkeypatch):
     (fleet.directory / "site.log").unlink(missing_ok=True)
     play = fleet.play(playbook=plays, valta_uninstall_max_failed=0, **steps)
     assert (play.failed, play.hosts["clean"]["outcome"]) == ({"clean"}, "failed")
-    assert play.hosts["clean"]["reason"] == "clean; the steps after it failed: no server"
+    assert play.hosts["clean"]["reason"] == "clean; the site tasks after it failed: no server"
     assert fleet.steps_of("clean") == ["clean --ignore-daemonsets --timeout=1h", "clean"]
     assert not fleet.steps_of("empty")
     (fleet.directory / "site/kubectl").write_text("#!/bin/sh\necho no server >&2; exit 1\n")
@@ -422,7 +422,7 @@ def test_plain_role_sums_up_and_fails(fleet, name, options, serial, hosts, outco
 
 @pytest.mark.parametrize("name", ["away empty clean"])
 def test_failure_limit(fleet, name):
-    """It holds for the plays of a call together, and only a call of its own starts anew."""
+    """It holds for the plays of a call together, and only a call of its own starts again."""
     fleet.logs = fleet.directory / "logs/limit"
     plays = fleet.plain((1, ["away", "empty"]), (1, ["clean"]), valta_uninstall_report_follows=True)
     # The first batch comes to no host, so the second has its limit.

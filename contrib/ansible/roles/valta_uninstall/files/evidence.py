@@ -8,7 +8,7 @@
     evidence.py collect DIRECTORY [--diff] [--max-failed LIMITS --max-failed-total LIMIT]
                                                        <{HOST: {"found"} or {"outcome", "reason"}}
     evidence.py settle DIRECTORY [--max-failed LIMITS --max-failed-total LIMIT]
-                                                       <{HOST: why the steps after it failed}
+                                                       <{HOST: why the site tasks after it failed}
     evidence.py report LOGS [--play DIRECTORY] [--undo] [--check] [--owner PID]
 
 LOGS holds one directory for each play, which no later one touches, and a link to the latest. A
@@ -586,7 +586,7 @@ def after_trouble(record, why):
     """The record of a host if a task of the site after the run failed: it may still be drained."""
     good = record["outcome"] in GOOD
     return {**record, "outcome": "failed" if good else record["outcome"], "reason": "%s; %s: %s" % (
-        record["outcome"] if good else record["reason"], "the steps after it failed",
+        record["outcome"] if good else record["reason"], "the site tasks after it failed",
         reason_of(why))}
 
 
