@@ -63,7 +63,7 @@ packages_of_machine() {
 boot_machine() {
   TMPDIR=${scratch:?} "${emulator[@]}" -accel tcg -smp 1 -m 1G -nic none -display none -no-reboot \
     -serial "$1" -kernel "$images/vmlinuz" -initrd "$images/initrd" \
-    -append "root=/dev/vda rw console=$terminal panic=-1 mitigations=off no_timer_check ${5-rootflags=$root_options}" \
+    -append "root=/dev/vda rw console=$terminal panic=-1 mitigations=off no_timer_check ${5-${root_options:+rootflags=$root_options}}" \
     -drive "if=virtio,format=raw,$2" -drive "if=virtio,format=raw,file=$3,readonly=on" \
     -drive "if=virtio,format=raw,file=$4" <&0 &
   machine=$!
