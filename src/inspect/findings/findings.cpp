@@ -11,10 +11,15 @@ std::string systemctl_command(const std::string& command) {
   return find_in_path_executable("systemctl") ? command : "";
 }
 
+std::string after_run(const std::string& command, const Report& report) {
+  return report.command == Command::after ? command : "";
+}
+
 void add_left(FindingId id, const std::string& what, const std::string& where,
               const std::string& command, Report& report) {
   const bool before = report.command == Command::before;
-  report.add(id, what + (before ? " would be left." : " is left."), where, before ? "" : command);
+  report.add(id, what + (before ? " would be left." : " is left."), where,
+             after_run(command, report));
 }
 
 void look_at_obstacles(const Installation& installation, Report& report) {

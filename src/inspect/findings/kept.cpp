@@ -70,7 +70,7 @@ bool explained_by_manifest(const std::string& recorded, const Report& report) {
 void explain_unit_file(const std::string& path, Report& report) {
   const bool is_before = report.command == Command::before;
   report.add("unit-changed",
-             path + " was changed, or has no digest, so a run keeps it. Its unit " +
+             path + " was changed or could not be compared, so a run keeps it. Its unit " +
                  (is_before ? "would be" : "is") + " disabled and stopped.",
              path, copy_and_delete(path) + systemctl_command(" && systemctl daemon-reload"));
 }
@@ -94,7 +94,7 @@ void explain_file(Kept& kept, const std::string& recorded, Report& report) {
                path + " is unchanged, but a run cannot compare it because " +
                    (complaint.empty() ? "of its name" : "md5sum prints \"" + complaint + "\"") +
                    ", and keeps it.",
-               path, shell_command("rm %", {path}));
+               path, after_run(shell_command("rm %", {path}), report));
   } else {
     kept.reason = KeptReason::changed;
     report.add("file-changed", path + " was changed since its installation, so a run keeps it.",

@@ -46,8 +46,11 @@ void look_at_kept(const Installation& installation, Report& report);
 /// A command that puts a copy of `path` aside before it deletes it.
 [[nodiscard]] std::string copy_and_delete(const std::string& path);
 
-/// Adds the finding that `what`, at `where`, is left. In a prediction it "would be left", and has
-/// no `command`: that is right only after the run.
+/// `command`, or nothing in a prediction: it is right only after the run.
+[[nodiscard]] std::string after_run(const std::string& command, const Report& report);
+
+/// Adds the finding that `what`, at `where`, is left, or would be, with a `command` for after the
+/// run.
 void add_left(FindingId id, const std::string& what, const std::string& where,
               const std::string& command, Report& report);
 

@@ -108,7 +108,8 @@ std::optional<Damage> damage_of(const ManifestEntry& entry, const std::string& l
     return {{Severity::keeps, "has no digest, so its file counts as changed"}};
   }
   if (target == EntryTarget::unit && entry.digest.empty()) {
-    return {{Severity::note, "has no digest, so its unit file is deleted even if it was changed"}};
+    return {
+        {Severity::note, "ends in two spaces, so its unit file is deleted even if it was changed"}};
   }
   return {};
 }

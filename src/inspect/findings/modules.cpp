@@ -126,7 +126,7 @@ void look_at_initrd(Report& report) {
         report.add("initrd-holds",
                    "The initial ramdisk " + file + " holds the module " + name +
                        ", and a run does not rebuild it. Rebuild it after the run.",
-                   file, shell_command(tools.rebuild, {kernel.release}));
+                   file, after_run(shell_command(tools.rebuild, {kernel.release}), report));
         return;
       }
     }

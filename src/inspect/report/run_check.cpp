@@ -135,7 +135,7 @@ Verdict check_success(const RunRecord& run, const std::string& log,
   }
   const bool left_alone = in_container(report);
   if (!run.registrations.empty() && !left_alone) {
-    return {Outcome::failed, "DKMS still has " + run.registrations.front()};
+    return {Outcome::failed, "left in DKMS: " + run.registrations.front()};
   }
   if (std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
         return (contains(line, kFailedToRead) || contains(line, kFailedToOpen)) &&

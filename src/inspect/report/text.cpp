@@ -78,6 +78,9 @@ std::string headline(const Report& report) {
   const std::string ends = run + (before ? " would end" : " ended") + status;
   const std::string and_it = before || report.status ? ends + " and " : run + " ";
   const std::string keeps = and_it + (before ? "keep " : "kept ");
+  const bool has_changed =
+      std::any_of(report.kept.begin(), report.kept.end(),
+                  [](const Kept& kept) { return kept.reason == KeptReason::changed; });
   switch (report.outcome) {
     case Outcome::done:
       return and_it + (before ? "remove " : "removed ") +
@@ -87,7 +90,7 @@ std::string headline(const Report& report) {
     case Outcome::clean:
       return and_it + (before ? "find nothing to remove" : "found nothing to remove");
     case Outcome::kept:
-      return keeps + "changed files";
+      return keeps + (has_changed ? "changed files" : "files that it cannot compare");
     case Outcome::shared:
       return keeps + "shared files";
     case Outcome::busy:
@@ -130,7 +133,7 @@ void print_findings(const Page& page, const Report& report, Severity severity,
   if (findings.empty()) {
     return;
   }
-  page.section(title + ": " + std::to_string(findings.size()));
+  page.section(title + ": " + counted(findings.size(), "finding"));
   for (auto group = findings.begin(); group != findings.end();) {
     const auto end = std::find_if(group, findings.end(),
                                   [&](const Finding& finding) { return finding.id != group->id; });
@@ -171,7 +174,7 @@ std::string totals(const Report& report) {
          (before ? "" : " The log does not list all removed paths.") +
          (report.unloaded.empty()
               ? ""
-              : (before ? " Modules that would be unloaded: " : " Modules unloaded: ") +
+              : (before ? " Modules that would be unloaded: " : " Drivers unloaded: ") +
                     join(report.unloaded, ", ") + ".");
 }
 
