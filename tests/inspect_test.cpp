@@ -169,7 +169,7 @@ TEST_F(Inspect, SaysWhatIsWrongWithItsArguments) {
 }
 
 // A run by its log: the lines between its first and its last line.
-struct Judged {
+struct CheckedRun {
   std::string name;
   std::string log;
   const char* outcome;
@@ -179,12 +179,12 @@ struct Judged {
   std::string console = {};
 };
 
-void PrintTo(const Judged& run, std::ostream* stream) { *stream << run.name; }
+void PrintTo(const CheckedRun& run, std::ostream* stream) { *stream << run.name; }
 
-class Judges : public testing::TestWithParam<Judged> {};
+class Checks : public testing::TestWithParam<CheckedRun> {};
 
-TEST_P(Judges, ARunByWhatItLeft) {
-  const Judged& run = GetParam();
+TEST_P(Checks, ARunByWhatItLeft) {
+  const CheckedRun& run = GetParam();
   inspect::Report report;
   inspect::check_run({run.status, run.console, "", run.log + run.closing, run.registrations, true},
                      report);
@@ -196,8 +196,8 @@ const std::string kUnloaded =
 const std::string kFailedRemoval = "Uninstall: /x Failed.\nError: failed in removing.\n";
 
 INSTANTIATE_TEST_SUITE_P(
-    Each, Judges,
-    testing::ValuesIn(std::vector<Judged>{
+    Each, Checks,
+    testing::ValuesIn(std::vector<CheckedRun>{
         {"Removed", kUnloaded + "Uninstall: /x Succeed.\n", "done"},
         {"NothingThere", "No driver installed. try uninstall utils.\n", "clean"},
         {"StatusUnknown", kUnloaded, "done", {}},
