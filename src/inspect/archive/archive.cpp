@@ -130,11 +130,6 @@ Record describe(const Report& report) {
   std::vector<std::string> changed = report.written;
   std::transform(report.removed.begin(), report.removed.end(), std::back_inserter(changed),
                  [](const Removal& removal) { return removal.path; });
-  if (fs::path manifest = kUninstallManifestPath; lexists(manifest)) {
-    // A run keeps it. Somebody may delete it afterwards, but what is restored needs it again.
-    std::error_code ignored;
-    changed.push_back(fs::canonical(manifest.parent_path(), ignored) / manifest.filename());
-  }
   std::sort(changed.begin(), changed.end());
   std::set<std::string> kernels;
   for (const std::string& path : changed) {
@@ -145,6 +140,13 @@ Record describe(const Report& report) {
       record[state.empty() ? kMade : kSaved].push_back(state.empty() ? path
                                                                      : field_for(path, state));
     }
+  }
+  if (const fs::path manifest = kUninstallManifestPath;
+      record.contains(kSaved) && lexists(manifest)) {
+    // A run keeps it. Somebody may delete it afterwards, but what is restored needs it again.
+    std::error_code ignored;
+    const fs::path path = fs::canonical(manifest.parent_path(), ignored) / manifest.filename();
+    record[kSaved].push_back(field_for(path, state_of(path)));
   }
   kernels.erase("");
   record[kKernel] = {kernels.begin(), kernels.end()};
