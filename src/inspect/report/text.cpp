@@ -71,42 +71,53 @@ class Page {
   bool bold_;
 };
 
+/// What a successful run does, for "a run would ..." or "the run ...". Empty for other runs.
+std::string effect_of(const Report& report) {
+  const bool before = report.command == Command::before;
+  const bool has_changed =
+      std::any_of(report.kept.begin(), report.kept.end(),
+                  [](const Kept& kept) { return kept.reason == KeptReason::changed; });
+  const std::string keeps = before ? "keep " : "kept ";
+  switch (report.outcome) {
+    case Outcome::done:
+      return std::string(before ? "remove " : "removed ") + (report.kept.empty()
+                                                                 ? "all of the manifest"
+                                                             : before ? "everything that it can"
+                                                                      : "everything that it could");
+    case Outcome::clean:
+      return before ? "find nothing to remove" : "found nothing to remove";
+    case Outcome::kept:
+      return keeps + (has_changed ? "changed files" : "files that it cannot compare");
+    case Outcome::shared:
+      return keeps + "shared files";
+    default:
+      return "";
+  }
+}
+
 std::string headline(const Report& report) {
   const bool before = report.command == Command::before;
   const std::string run = before ? "a run now" : "the last run";
   const std::string status = report.status ? " with status " + std::to_string(*report.status) : "";
   const std::string ends = run + (before ? " would end" : " ended") + status;
-  const std::string and_it = before || report.status ? ends + " and " : run + " ";
-  const std::string keeps = and_it + (before ? "keep " : "kept ");
-  const bool has_changed =
-      std::any_of(report.kept.begin(), report.kept.end(),
-                  [](const Kept& kept) { return kept.reason == KeptReason::changed; });
+  if (const std::string effect = effect_of(report); !effect.empty()) {
+    return before || report.status ? ends + " and " + effect : run + " " + effect;
+  }
   switch (report.outcome) {
-    case Outcome::done:
-      return and_it + (before ? "remove " : "removed ") +
-             (report.kept.empty() ? "all of the manifest"
-              : before            ? "everything that it can"
-                                  : "everything that it could");
-    case Outcome::clean:
-      return and_it + (before ? "find nothing to remove" : "found nothing to remove");
-    case Outcome::kept:
-      return keeps + (has_changed ? "changed files" : "files that it cannot compare");
-    case Outcome::shared:
-      return keeps + "shared files";
     case Outcome::busy:
       return ends + " because a module is in use";
     case Outcome::failed:
-      return !report.status ? run + " failed"
-             : report.status != 0
-                 ? ends
-                 : ends + ", but part of its work " + (before ? "would fail" : "failed");
+      return !report.status       ? run + " failed"
+             : report.status != 0 ? ends
+             : before             ? ends + ", but part of its work would fail"
+                                  : ends + ", but part of its work failed";
     case Outcome::nothing_done:
       return ends + " without doing anything";
     case Outcome::unfinished:
       return run + (!before         ? " did not finish"
                     : report.status ? " would leave no complete log"
                                     : " would not finish");
-    case Outcome::unknown:
+    default:
       break;
   }
   if (before && report.status) {
