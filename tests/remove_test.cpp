@@ -200,6 +200,13 @@ TEST_F(RemovesTheSample, OnlyWhenItCanBeSaved) {
               HasSubstr("nothing is saved: a run would remove nothing"));
 }
 
+TEST_F(RemovesTheSample, AndLeavesAManifestThatWasRepairedSince) {
+  host.command(kRemove + "--yes");
+  host.sh(std::string("echo 'FILE /repaired 0' >>") + kUninstallManifestPath);
+  before[kUninstallManifestPath] = state()[kUninstallManifestPath];
+  expect_undone(before);
+}
+
 TEST_F(RemovesTheSample, OnlyWhenNothingBlocksTheRun) {
   host.sh(std::string("ln -s /elsewhere ") + kLogPath);
   before = state();

@@ -39,6 +39,11 @@ class Undo {
   explicit Undo(const std::string& archive)
       : archive_(archive), record_(read_record(record_of(archive))), saved_(saved_states(record_)) {
     check_sum(archive, record_);
+    // A run does not change the manifest, but somebody may have repaired it since.
+    if (const std::string manifest = path_of_manifest();
+        lexists(manifest) && saved_.erase(manifest) > 0) {
+      kept_ = manifest;
+    }
     if (const std::string left = beside(kLeft); lexists(left)) {
       left_ = saved_states(read_record(left));
     }
@@ -68,7 +73,7 @@ class Undo {
   /// Puts back what can be. Returns what could not.
   std::vector<std::string> put_back() {
     try {
-      extract(archive_);
+      extract(archive_, kept_);
     } catch (const ArchiveError& error) {
       troubles_.emplace_back(error.what());
     }
@@ -151,6 +156,7 @@ class Undo {
   Record record_;
   States saved_;
   States left_;
+  std::string kept_;  ///< a path in the archive that is left alone; may be empty
   std::vector<std::string> troubles_;
 };
 

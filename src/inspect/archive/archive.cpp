@@ -141,11 +141,8 @@ Record describe(const Report& report) {
                                                                      : field_for(path, state));
     }
   }
-  if (const fs::path manifest = kUninstallManifestPath;
-      record.contains(kSaved) && lexists(manifest)) {
+  if (const std::string path = path_of_manifest(); record.contains(kSaved) && lexists(path)) {
     // A run keeps it. Somebody may delete it afterwards, but what is restored needs it again.
-    std::error_code ignored;
-    const fs::path path = fs::canonical(manifest.parent_path(), ignored) / manifest.filename();
     record[kSaved].push_back(field_for(path, state_of(path)));
   }
   kernels.erase("");
@@ -177,6 +174,12 @@ void check_room(const std::map<std::string, std::string>& states, const Descript
 }
 
 }  // namespace
+
+std::string path_of_manifest() {
+  const fs::path path = kUninstallManifestPath;
+  std::error_code ignored;
+  return fs::weakly_canonical(path.parent_path(), ignored) / path.filename();
+}
 
 bool can_save() {
   std::string help;
@@ -236,9 +239,13 @@ std::string content_in(const std::string& file, const std::string& path) {
   return content;
 }
 
-void extract(const std::string& file) {
+void extract(const std::string& file, const std::string& kept) {
   const Descriptor archive(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  static_cast<void>(tar({"-x", "-p"}, archive, STDERR_FILENO));
+  std::vector<std::string> command = {"-x", "-p"};
+  if (!kept.empty()) {
+    command.insert(command.end(), {"--anchored", "--no-wildcards", "--exclude=" + member(kept)});
+  }
+  static_cast<void>(tar(command, archive, STDERR_FILENO));
 }
 
 void write_new_file(const std::string& path, const std::string& text) {

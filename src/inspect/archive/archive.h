@@ -18,6 +18,9 @@ namespace valta::inspect {
 /// attributes and ACLs.
 Record save(const std::string& file, const Report& report);
 
+/// The path of the manifest, which `save` adds. Links in its directory are resolved.
+[[nodiscard]] std::string path_of_manifest();
+
 /// Whether this host has a tar that keeps extended attributes and ACLs.
 [[nodiscard]] bool can_save();
 
@@ -27,9 +30,9 @@ void check_sum(const std::string& file, const Record& record);
 /// The content that the regular file at `path` has in the archive `file`.
 [[nodiscard]] std::string content_in(const std::string& file, const std::string& path);
 
-/// Restores all paths of the archive `file` that can be restored. Throws `ArchiveError` with the
-/// message of tar if one of them could not be.
-void extract(const std::string& file);
+/// Restores all paths of the archive `file` that can be restored, but not `kept`, which may be
+/// empty. Throws `ArchiveError` with the message of tar if one of them could not be.
+void extract(const std::string& file, const std::string& kept);
 
 /// Writes `text` to a new file `path` in the same way as `save`.
 void write_new_file(const std::string& path, const std::string& text);

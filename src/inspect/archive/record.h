@@ -24,9 +24,8 @@ inline constexpr const char* kMachine = "machine";  ///< the machine-id
 inline constexpr const char* kMade = "made";        ///< a path that the run creates
 inline constexpr const char* kModule = "module";    ///< of the stack, loaded
 inline constexpr const char* kReport = "report";    ///< of the dry run, as JSON
-inline constexpr const char* kSaved =
-    "saved";                                ///< the state of a path in the archive, and the path
-inline constexpr const char* kSum = "sum";  ///< the archive's, by sha256sum
+inline constexpr const char* kSaved = "saved";      ///< a path in the archive, after its state
+inline constexpr const char* kSum = "sum";          ///< the archive's, by sha256sum
 
 /// The texts of `record` under `name`.
 [[nodiscard]] std::vector<std::string> texts(const Record& record, const char* name);

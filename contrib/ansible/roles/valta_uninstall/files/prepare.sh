@@ -34,7 +34,7 @@ refuse() {
   echo "$1" >&2
   exit 1
 }
-# IFS keeps a space in the pattern.
+# An empty IFS keeps a space in the pattern.
 pattern=$own IFS=
 for directory in $pattern; do
   if [ $# = 0 ] || [ ! -x "$directory/$1" ]; then continue; fi
